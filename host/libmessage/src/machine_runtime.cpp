@@ -1,0 +1,177 @@
+#include "zelvar/machine_runtime.h"
+
+#include "zelvar/machine_pool.h"
+#include "zelvar/string_util.h"
+
+namespace zelvar {
+namespace {
+
+constexpr int64_t kMsPerSecond = 1000;
+
+void DropPayload(const MachineEvent& event) {
+  if (event.drop != nullptr && event.data != nullptr) event.drop(event.data);
+}
+
+}  // namespace
+
+MachineRuntime::MachineRuntime(const MachineClock* clock, unsigned defaultMachineTimeoutSec)
+    : m_pClock(clock), m_uDefaultMachineTimeout(defaultMachineTimeoutSec) {}
+
+MachineRuntime::~MachineRuntime() {
+  for (const Queued& queued : m_dqEvents) DropPayload(queued.event);
+  m_dqEvents.clear();
+  // Deleting a machine may not post to another (no handler runs), so a plain
+  // walk over a moved-out map is safe.
+  auto machines = std::move(m_mapMachines);
+  for (auto& entry : machines) delete entry.second.machine;
+}
+
+void MachineRuntime::Log(int level, const std::string& line) const {
+  if (m_fnLog) m_fnLog(level, line);
+}
+
+MachineRuntime::Managed& MachineRuntime::Adopt(StateMachine* machine) {
+  uint32_t id = machine->GetMachineId();
+  auto it = m_mapMachines.find(id);
+  if (it != m_mapMachines.end()) return it->second;
+  Managed& managed = m_mapMachines.emplace(id, Managed{machine}).first->second;
+  unsigned seconds = machine->GetMachineTimeout();
+  ArmMachineTimer(managed, seconds != 0 ? seconds : m_uDefaultMachineTimeout);
+  ArmStateTimer(managed);
+  return managed;
+}
+
+void MachineRuntime::ArmMachineTimer(Managed& managed, unsigned seconds) {
+  managed.machine_timer = 0;
+  if (seconds == 0) return;
+  managed.machine_timer = m_uNextGeneration++;
+  m_qDeadlines.push({m_pClock->NowMs() + seconds * kMsPerSecond, managed.machine_timer,
+                     managed.machine->GetMachineId(), true});
+}
+
+void MachineRuntime::ArmStateTimer(Managed& managed) {
+  managed.state_timer = 0;
+  unsigned seconds = managed.machine->GetStateTimeout();
+  if (seconds == 0) return;
+  managed.state_timer = m_uNextGeneration++;
+  m_qDeadlines.push({m_pClock->NowMs() + seconds * kMsPerSecond, managed.state_timer,
+                     managed.machine->GetMachineId(), false});
+}
+
+void MachineRuntime::Start(StateMachine* machine) {
+  Adopt(machine);
+  MachineEvent start;
+  start.head.event_type = kEventStart;
+  Dispatch(machine->GetMachineId(), start);
+}
+
+int MachineRuntime::Post(StateMachine* machine, const MachineEvent& event) {
+  Adopt(machine);
+  m_dqEvents.push_back({machine->GetMachineId(), event});
+  if (m_fnWakeup) m_fnWakeup();
+  return 0;
+}
+
+int MachineRuntime::PostById(uint32_t id, const MachineEvent& event) {
+  auto it = m_mapMachines.find(id);
+  if (it == m_mapMachines.end()) {
+    StateMachine* machine = MachinePool::Instance()->GetMachine(id);
+    if (machine == nullptr) {
+      DropPayload(event);
+      return -1;
+    }
+    return Post(machine, event);
+  }
+  return Post(it->second.machine, event);
+}
+
+size_t MachineRuntime::RunPending() {
+  // Only what was queued before this call runs now; what the handlers post
+  // waits for the next turn, so two machines that answer each other cannot
+  // starve the loop.
+  size_t count = m_dqEvents.size();
+  for (size_t i = 0; i < count; ++i) {
+    Queued queued = m_dqEvents.front();
+    m_dqEvents.pop_front();
+    if (m_mapMachines.count(queued.machine_id) == 0) {
+      DropPayload(queued.event);
+      continue;
+    }
+    Dispatch(queued.machine_id, queued.event);
+  }
+  return count;
+}
+
+void MachineRuntime::Dispatch(uint32_t id, const MachineEvent& event) {
+  StateMachine* machine = m_mapMachines.at(id).machine;
+  int stateBefore = machine->GetState();
+  InternalHead_t head = event.head;
+  int result = machine->DoNext(&head, event.data);
+  if (event.after_dispatch != nullptr && event.data != nullptr) event.after_dispatch(event.data);
+  AfterHandler(id, stateBefore, result);
+}
+
+void MachineRuntime::AfterHandler(uint32_t id, int stateBefore, int result) {
+  auto it = m_mapMachines.find(id);
+  if (it == m_mapMachines.end()) return;
+  StateMachine* machine = it->second.machine;
+  if (result == kKeepMachine) {
+    if (machine->GetState() != stateBefore) ArmStateTimer(it->second);
+    return;
+  }
+  if (result != kMachineDone && result != kMachineFailed) {
+    Log(4, FormatString("machine:%s(%u)|state:%s|handler returned %d, ending the machine",
+                        machine->MachineName(), id, machine->GetStateName(), result));
+  } else if (result == kMachineFailed) {
+    Log(3, FormatString("machine:%s(%u)|state:%s|ended as failed", machine->MachineName(), id,
+                        machine->GetStateName()));
+  }
+  End(id);
+}
+
+void MachineRuntime::End(uint32_t id) {
+  auto it = m_mapMachines.find(id);
+  if (it == m_mapMachines.end()) return;
+  StateMachine* machine = it->second.machine;
+  m_mapMachines.erase(it);
+  delete machine;
+}
+
+size_t MachineRuntime::FireTimeouts() {
+  size_t fired = 0;
+  int64_t now = m_pClock->NowMs();
+  while (!m_qDeadlines.empty() && m_qDeadlines.top().at_ms <= now) {
+    Deadline deadline = m_qDeadlines.top();
+    m_qDeadlines.pop();
+    auto it = m_mapMachines.find(deadline.machine_id);
+    if (it == m_mapMachines.end()) continue;
+    Managed& managed = it->second;
+    uint64_t armed = deadline.machine_timeout ? managed.machine_timer : managed.state_timer;
+    if (armed != deadline.generation) continue;  // superseded by a later arm
+
+    ++fired;
+    StateMachine* machine = managed.machine;
+    int stateBefore = machine->GetState();
+    int result = machine->Timeout(deadline.machine_timeout);
+    if (result == kKeepMachine) {
+      auto again = m_mapMachines.find(deadline.machine_id);
+      if (again == m_mapMachines.end()) continue;
+      if (deadline.machine_timeout) {
+        unsigned seconds = machine->GetMachineTimeout();
+        ArmMachineTimer(again->second, seconds != 0 ? seconds : m_uDefaultMachineTimeout);
+      } else {
+        ArmStateTimer(again->second);
+      }
+      continue;
+    }
+    AfterHandler(deadline.machine_id, stateBefore, result);
+  }
+  return fired;
+}
+
+int64_t MachineRuntime::NextDeadlineMs() const {
+  // Stale entries may sit on top; they only make the owner wake up early.
+  return m_qDeadlines.empty() ? -1 : m_qDeadlines.top().at_ms;
+}
+
+}  // namespace zelvar
