@@ -1,0 +1,221 @@
+// TestHost: the host of the agent's tests. It fills the 44-slot host table
+// with fakes and hands it to the agent through OnPeekInterface, as
+// zelvar-host does, and runs the agent's machines for real on a
+// zelvar::MachineRuntime with a clock the test sets.
+//
+//   TestHost host;                              // table installed, log empty
+//   host.SetConfig("names", "MASTER", "/zelvar/master");
+//   OnInit(nullptr);
+//   host.RunRoutine();                          // OnRoutine, then the machine starts
+//   zelvar::ZMessage request;
+//   ASSERT_TRUE(host.Peer("10.0.0.1", 9000).ReadFrame(&request));
+//   host.Peer("10.0.0.1", 9000).Send(reply);    // OnDataIn routes it
+//   host.RunPending();                          // the machine handles it
+//   EXPECT_EQ(host.LogLines().back(), "machine:X(7)|state:Entry_Wait|...");
+//
+// What the fakes do:
+//   Log            formats printf-style and keeps the text (every call, the
+//                  threshold is the agent's business); LogLines()
+//   GetLogLevel    SetLogLevel (1 at start: everything is written)
+//   GetLogFd       a temporary file; LogFdText()
+//   GetNow         Now(), SetNow(), AdvanceClock() (which fires timeouts)
+//   config         SetConfig(); an absent key gives "" (or the default)
+//   ConnectTo      Peer(ip, port), created on first use; RefuseConnectTo()
+//   GetConnectionBev  any open peer by its (connA, connB); Accept() makes an
+//                  inbound one
+//   StartLongAction   captured (LongActions()); CompleteLongAction() answers
+//   StartAio*      captured (AioRequests()), never completed
+//   PostToMachine, CreateMachineForMessage, AcquireMessage, ReleaseMessage,
+//   DeliverToMachine  the real runtime, factory and envelope pool
+//   GetPluginHandle   "zookeeper" gives Registry()'s handle
+// Every other slot holds a harmless function.
+//
+// Deliveries (messages, completions, registry answers) are queued, as on the
+// real host's loop, and run at the next RunPending().
+//
+// One TestHost at a time (the table's functions find it through Current());
+// test thread only.
+#ifndef OVITA2_TESTS_SUPPORT_TEST_HOST_H
+#define OVITA2_TESTS_SUPPORT_TEST_HOST_H
+
+#include <cstdint>
+#include <cstdio>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "fake_registry.h"
+#include "test_peer.h"
+#include "zelvar/host_interface.h"
+#include "zelvar/long_action.h"
+#include "zelvar/machine_runtime.h"
+
+namespace ovita2 {
+namespace testing {
+
+struct LogLine {
+  int level;
+  std::string text;
+};
+
+struct CapturedLongAction {
+  std::string name;
+  zelvar::ParamMap params;
+  uint32_t machine_id = 0;
+  uint32_t flow_no = 0;
+  bool completed = false;
+
+  // The first value of `key`, or "".
+  std::string Param(const std::string& key) const;
+};
+
+struct AioRequest {
+  std::string kind;  // "read", "write", "fdsync"
+  int fd = -1;
+  uint64_t size = 0;
+  uint64_t offset = 0;
+  uint32_t machine_id = 0;
+};
+
+// A machine the host started: its id and name as they were at the start (the
+// machine itself may be gone already).
+struct StartedMachine {
+  uint32_t id = 0;
+  std::string name;
+  explicit operator bool() const { return id != 0; }
+};
+
+class TestHost {
+ public:
+  static constexpr int64_t kStartTime = 1700000000;  // seconds since the epoch
+  static constexpr unsigned kDefaultMachineTimeout = 120;
+
+  explicit TestHost(unsigned defaultMachineTimeoutSec = kDefaultMachineTimeout);
+  ~TestHost();
+
+  TestHost(const TestHost&) = delete;
+  TestHost& operator=(const TestHost&) = delete;
+
+  // The live test host; aborts the test program when there is none.
+  static TestHost* Current();
+
+  // --- the table ---------------------------------------------------------------
+  zelvar::HostFunction* Table() { return m_aTable; }
+  // Empties a slot and hands the table over again.
+  void ClearSlot(zelvar::HostSlot slot);
+
+  // --- clock ----------------------------------------------------------------------
+  int64_t Now() const { return m_i64Now; }
+  void SetNow(int64_t seconds) { m_i64Now = seconds; }
+  // Moves the clock on and fires the machine timeouts that fell due.
+  void AdvanceClock(int64_t seconds);
+
+  // --- log ------------------------------------------------------------------------
+  void SetLogLevel(int threshold) { m_iLogLevel = threshold; }
+  int LogLevel() const { return m_iLogLevel; }
+  std::vector<std::string> LogLines() const;
+  // Lines written at exactly `level`.
+  std::vector<std::string> LogLinesAt(int level) const;
+  const std::vector<LogLine>& LogEntries() const { return m_vecLog; }
+  bool Logged(const std::string& text) const;
+  void ClearLog() { m_vecLog.clear(); }
+  // What was written to the log descriptor (GetLogFd).
+  std::string LogFdText() const;
+  // The runtime's own lines (a handler's odd result, a failed machine).
+  const std::vector<std::string>& RuntimeLines() const { return m_vecRuntimeLines; }
+
+  // --- configuration and readiness --------------------------------------------------
+  void SetConfig(const std::string& section, const std::string& key, const std::string& value);
+  // The last period asked with SetRoutinePeriod, 0 before.
+  unsigned RoutinePeriod() const { return m_uRoutinePeriod; }
+  void SetReady(bool ready) { m_bReady = ready; }
+
+  // --- machines ----------------------------------------------------------------------
+  zelvar::MachineRuntime& Runtime() { return *m_pRuntime; }
+  // OnRoutine; the machine it returns (if any) starts at once.
+  StartedMachine RunRoutine();
+  // Starts a machine the test made: the runtime owns it from now on.
+  StartedMachine Start(zelvar::StateMachine* machine);
+  // Runs the deliveries queued so far.
+  size_t RunPending();
+  bool IsAlive(uint32_t machineId) const { return m_pRuntime->IsManaged(machineId); }
+  // Queues an envelope (given up to the runtime) for a machine.
+  void PostMessage(zelvar::StateMachine* machine, zelvar::ZMessage* message);
+  // Queues a plug-in record for a live machine; `drop` frees it otherwise.
+  int DeliverRecord(uint32_t machineId, void* record, void (*drop)(void*));
+
+  // --- connections ---------------------------------------------------------------------
+  // The open outbound connection to ip:port, made on first use.
+  TestPeer& Peer(const std::string& ip, uint16_t port);
+  // A new inbound connection from ip:port.
+  TestPeer& Accept(const std::string& ip, uint16_t port);
+  // ConnectTo to ip:port fails from now on.
+  void RefuseConnectTo(const std::string& ip, uint16_t port) { m_setRefused.insert({ip, port}); }
+  // OnDataIn on the peer's connection until a call routes nothing; every
+  // routed envelope is queued for its machine. Returns the last result.
+  int Route(TestPeer& peer);
+  // Open peers made by ConnectTo, oldest first.
+  std::vector<TestPeer*> OutboundPeers() const;
+
+  // --- long actions and AIO ------------------------------------------------------------------
+  const std::vector<CapturedLongAction>& LongActions() const { return m_vecLongActions; }
+  // Delivers the completion of the action handed over under `flowNo`.
+  void CompleteLongAction(uint32_t flowNo, const std::string& output, const std::string& error, int64_t status);
+  const std::vector<AioRequest>& AioRequests() const { return m_vecAio; }
+
+  // --- registry plug-in ---------------------------------------------------------------------
+  FakeRegistry& Registry() { return m_cRegistry; }
+  // false: GetPluginHandle("zookeeper") gives null.
+  void SetRegistryAvailable(bool available) { m_bRegistryAvailable = available; }
+
+ private:
+  class Clock : public zelvar::MachineClock {
+   public:
+    explicit Clock(const int64_t* seconds) : m_pSeconds(seconds) {}
+    int64_t NowMs() const override { return *m_pSeconds * 1000; }
+
+   private:
+    const int64_t* m_pSeconds;
+  };
+
+  struct FakeSlots;
+  friend struct FakeSlots;
+
+  void InstallTable();
+  TestPeer& NewPeer(const std::string& ip, uint16_t port, bool outbound);
+  TestPeer* FindOpen(uint64_t connA, uint64_t connB) const;
+
+  zelvar::HostFunction m_aTable[zelvar::kHostSlotCount];
+  int64_t m_i64Now = kStartTime;
+  Clock m_cClock{&m_i64Now};
+  event_base* m_pBase;
+  std::unique_ptr<zelvar::MachineRuntime> m_pRuntime;
+
+  int m_iLogLevel = 1;
+  std::vector<LogLine> m_vecLog;
+  std::vector<std::string> m_vecRuntimeLines;
+  std::FILE* m_pLogFile;
+
+  std::map<std::string, std::vector<std::pair<std::string, std::string>>> m_mapConfig;
+  unsigned m_uRoutinePeriod = 0;
+  bool m_bReady = true;
+
+  std::vector<std::unique_ptr<TestPeer>> m_vecPeers;
+  std::vector<bool> m_vecOutbound;
+  std::set<std::pair<std::string, uint16_t>> m_setRefused;
+  uint64_t m_u64NextConn = 1;
+
+  std::vector<CapturedLongAction> m_vecLongActions;
+  std::vector<AioRequest> m_vecAio;
+
+  FakeRegistry m_cRegistry;
+  bool m_bRegistryAvailable = true;
+};
+
+}  // namespace testing
+}  // namespace ovita2
+
+#endif  // OVITA2_TESTS_SUPPORT_TEST_HOST_H
