@@ -32,7 +32,9 @@ bool ReadRange(const Config& config, const char* section, const char* key,
 
 bool HostSettings::FromConfig(const Config& config, HostSettings* settings, std::string* error) {
   HostSettings s;
+  std::string directory = config.Directory();
   s.log_file = config.GetString("host", "log_file", "");
+  if (!s.log_file.empty() && s.log_file[0] != '/') s.log_file = directory + "/" + s.log_file;
   long long level = s.log_level;
   long long machineTimeout = s.machine_timeout_sec;
   long long timeLimit = s.long_action.time_limit_sec;
@@ -58,7 +60,6 @@ bool HostSettings::FromConfig(const Config& config, HostSettings* settings, std:
   s.listen_port = static_cast<int>(port);
   s.input_limit = static_cast<size_t>(inputLimit);
 
-  std::string directory = config.Directory();
   for (const auto& entry : config.Section("plugins")) {
     if (entry.second.empty()) {
       *error = config.Path() + ": [plugins] " + entry.first + " has no library path";

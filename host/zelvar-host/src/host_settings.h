@@ -1,7 +1,8 @@
 // HostSettings: the host's own part of the configuration file, read and
 // checked once at start-up (plug-in sections are left to the plug-ins).
 //
-//   [host]        log_file (empty: standard error), log_level 1..4 (default 3),
+//   [host]        log_file (empty: standard error; relative to the
+//                 configuration file's folder), log_level 1..4 (default 3),
 //                 machine_timeout seconds (default 60)
 //   [long_action] time_limit seconds (default 60, 0 none), output_limit bytes
 //                 (default 1 MiB), max_children (default 256)
