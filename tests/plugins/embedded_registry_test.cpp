@@ -57,26 +57,6 @@ TEST(EmbeddedRegistry, MalformedEntriesAreLoggedAndLeftOut) {
   EXPECT_EQ(machine->answers[0]->keyvalues[0].key, "m1");
 }
 
-TEST(EmbeddedRegistry, KeepsTheConnectionCallbackButNeverCallsIt) {
-  TestHost host;
-  LoadedPlugin plugin(OVITA2_EMBEDDED_PLUGIN_PATH, host);
-  ASSERT_EQ(plugin.Error(), "");
-  ASSERT_EQ(plugin.Init(), 0);
-  EXPECT_TRUE(plugin.IsReady()) << "ready at once: there is nothing to connect to";
-
-  PluginHost pluginHost;
-  pluginHost.Adopt(host.Table());
-  EmbeddedRegistry registry(&pluginHost);
-  static int calls = 0;
-  ZKCommand setCallback;
-  setCallback.kind = ZKCommandKind::kSetCallback;
-  setCallback.callback = [] { ++calls; };
-  EXPECT_EQ(registry.Call(1, setCallback), ZOK);
-  EXPECT_EQ(registry.Callback(), setCallback.callback);
-  for (int i = 0; i < 3; ++i) host.Turn();
-  EXPECT_EQ(calls, 0);
-}
-
 TEST(ZooKeeperRegistry, RefusesToStartWithoutAnEnsemble) {
   TestHost host;
   LoadedPlugin plugin(OVITA2_ZOOKEEPER_PLUGIN_PATH, host);

@@ -7,6 +7,7 @@
 #define OVITA2_TESTS_PLUGINS_REGISTRY_UNDER_TEST_H
 
 #include <memory>
+#include <ostream>
 #include <string>
 
 #include "test_host.h"
@@ -34,6 +35,9 @@ struct RegistryKind {
   const char* name;
   std::unique_ptr<RegistryUnderTest> (*make)();
 };
+
+// How GoogleTest shows the parameter in test listings.
+inline void PrintTo(const RegistryKind& kind, std::ostream* out) { *out << kind.name; }
 
 }  // namespace zelvar::registry::testing
 
