@@ -112,8 +112,4 @@ TEST(JobContainer, EmptyAnswerInstallsAnEmptyScheduleButKeepsDefinitions) {
   EXPECT_NE(jobs.GetJobDefine(JobContainer::MakeJobKey(3, 5)), nullptr);
 }
 
-TEST(JobContainer, OneCatalogueForTheProcess) {
-  EXPECT_EQ(JobContainer::Instance(), JobContainer::Instance());
-}
-
 }  // namespace
