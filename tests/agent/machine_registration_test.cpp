@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "framework/bev_machine_util.h"
 #include "framework/host_api.h"
@@ -80,8 +81,13 @@ TEST(MachineRegistration, CreatorsDifferOnlyInTheRoutineMark) {
 }
 
 TEST(MachineRegistration, RoutineMachineRunsItsStatesAndEndsOnTimeoutWithALine) {
+  // The agent's own routines come first in the list; only the probe's runs here.
+  std::vector<routing_machine_t> saved = RoutineUtil::Instance()->Routines();
+  RoutineUtil::Instance()->Routines().clear();
+  RoutineUtil::Instance()->SetRouting(ProbeCreateMySelfForRoutine, 15, false);
   TestHost host;
   ovita2::testing::StartedMachine probe = host.RunRoutine();
+  RoutineUtil::Instance()->Routines() = saved;
   ASSERT_EQ(probe.name, "ProbeMachine");
   std::string prefix = "machine:ProbeMachine(" + std::to_string(probe.id) + ")|state:";
   EXPECT_EQ(host.LogLines(), std::vector<std::string>{prefix + "Entry_Init|asked for 3 things"});
