@@ -80,8 +80,15 @@ TEST(MachineRegistration, CreatorsDifferOnlyInTheRoutineMark) {
 }
 
 TEST(MachineRegistration, RoutineMachineRunsItsStatesAndEndsOnTimeoutWithALine) {
+  // The agent's own machines are registered too; only the probe's routine may run here.
+  std::vector<routing_machine_t> saved = RoutineUtil::Instance()->Routines();
+  auto& routines = RoutineUtil::Instance()->Routines();
+  routines.erase(std::remove_if(routines.begin(), routines.end(),
+                                [](const routing_machine_t& r) { return r.creator != &ProbeCreateMySelfForRoutine; }),
+                 routines.end());
   TestHost host;
   ovita2::testing::StartedMachine probe = host.RunRoutine();
+  RoutineUtil::Instance()->Routines() = saved;
   ASSERT_EQ(probe.name, "ProbeMachine");
   std::string prefix = "machine:ProbeMachine(" + std::to_string(probe.id) + ")|state:";
   EXPECT_EQ(host.LogLines(), std::vector<std::string>{prefix + "Entry_Init|asked for 3 things"});
