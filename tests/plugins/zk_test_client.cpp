@@ -3,6 +3,7 @@
 #include <poll.h>
 
 #include <chrono>
+#include <string>
 
 namespace zelvar::registry::testing {
 namespace {
@@ -11,6 +12,7 @@ struct Reply {
   bool done = false;
   int rc = ZOPERATIONTIMEOUT;
   Stat stat{};
+  std::string data;
 };
 
 void OnVoid(int rc, const void* data) {
@@ -25,6 +27,12 @@ void OnStat(int rc, const Stat* stat, const void* data) {
   auto* reply = static_cast<Reply*>(const_cast<void*>(data));
   if (stat != nullptr) reply->stat = *stat;
   OnVoid(rc, data);
+}
+
+void OnData(int rc, const char* value, int length, const Stat* stat, const void* data) {
+  auto* reply = static_cast<Reply*>(const_cast<void*>(data));
+  if (value != nullptr && length > 0) reply->data.assign(value, static_cast<size_t>(length));
+  OnStat(rc, stat, data);
 }
 
 void Quiet(const char*) {}
@@ -112,6 +120,17 @@ int ZkTestClient::Exists(const std::string& path, Stat* stat) {
   int rc = zoo_aexists(m_pZh, path.c_str(), 0, &OnStat, &reply);
   if (rc != ZOK) return rc;
   WaitFor([&reply] { return reply.done; }, kWaitMs);
+  if (stat != nullptr) *stat = reply.stat;
+  return reply.rc;
+}
+
+int ZkTestClient::Get(const std::string& path, std::string* data, Stat* stat) {
+  if (m_pZh == nullptr) return ZINVALIDSTATE;
+  Reply reply;
+  int rc = zoo_aget(m_pZh, path.c_str(), 0, &OnData, &reply);
+  if (rc != ZOK) return rc;
+  WaitFor([&reply] { return reply.done; }, kWaitMs);
+  if (data != nullptr) *data = reply.data;
   if (stat != nullptr) *stat = reply.stat;
   return reply.rc;
 }

@@ -34,6 +34,7 @@ class ZkTestClient {
   int CreateWithParents(const std::string& path, const std::string& data);
   int Delete(const std::string& path);
   int Exists(const std::string& path, Stat* stat = nullptr);
+  int Get(const std::string& path, std::string* data, Stat* stat = nullptr);
 
  private:
   bool WaitFor(const std::function<bool()>& done, int limitMs);
