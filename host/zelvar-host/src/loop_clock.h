@@ -22,10 +22,14 @@ class LoopClock : public zelvar::MachineClock {
   // Whole seconds since the epoch, refreshed by each call; the pointer stays
   // valid for the clock's lifetime (it is what GetNow hands out).
   const int64_t* RefreshSeconds();
+  // Moves the clock forward at once. Integration tests use it to let the
+  // agent's minutes-long schedules pass in a moment; the host never does.
+  void Skip(int64_t seconds) { m_i64SkippedMs += seconds * 1000; }
 
  private:
   event_base* m_pBase;
   int64_t m_i64Seconds = 0;
+  int64_t m_i64SkippedMs = 0;
 };
 
 }  // namespace zelvar_host
