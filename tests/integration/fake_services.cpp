@@ -42,6 +42,7 @@ FakeServices::FakeServices() {
     return;
   }
   m_iPort = ntohs(address.sin_port);
+  m_iNamedPort = m_iPort;
   m_sThread = std::thread([this] { Serve(); });
 }
 
@@ -81,7 +82,7 @@ bool FakeServices::Answer(const zelvar::ZMessage& request, zelvar::ZMessage* rep
       answer->mutable_rc()->set_code(0);
       answer->set_name("tq-1");
       answer->set_ip(kLoopback);
-      answer->set_port(m_iPort);
+      answer->set_port(m_iNamedPort);
       break;
     }
     case ov::GET_AGGREGATION_REQUEST: {
@@ -89,7 +90,7 @@ bool FakeServices::Answer(const zelvar::ZMessage& request, zelvar::ZMessage* rep
       answer->mutable_rc()->set_code(0);
       answer->set_name("aggr-1");
       answer->set_ip(kLoopback);
-      answer->set_port(m_iPort);
+      answer->set_port(m_iNamedPort);
       break;
     }
     case ov::GET_JOB_REQUEST:

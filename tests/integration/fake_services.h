@@ -25,6 +25,8 @@ class FakeServices {
   int Port() const { return m_iPort; }
   bool ok() const { return m_iListenFd >= 0; }
 
+  // The port named in answers to 67000 and 66000 (this one's own by default).
+  void SetNamedPort(int port) { m_iNamedPort = port; }
   // The job list answered to 68000.
   void SetJobs(const zelvar::ovita2::GetJobResponse& jobs);
   // Copies of the requests received so far of one message type.
@@ -36,6 +38,7 @@ class FakeServices {
 
   int m_iListenFd = -1;
   int m_iPort = 0;
+  std::atomic<int> m_iNamedPort{0};
   int m_arrStopPipe[2] = {-1, -1};
   std::thread m_sThread;
   mutable std::mutex m_sMutex;

@@ -40,8 +40,9 @@ ov::GetJobResponse JobsOfOneObject() {
 class PipelineInHost : public ::testing::Test {
  protected:
   void SetUp() override {
-    ASSERT_TRUE(services.ok());
-    services.SetJobs(JobsOfOneObject());
+    ASSERT_TRUE(services.ok() && queue.ok());
+    services.SetNamedPort(queue.Port());  // the task queue and aggregation live elsewhere
+    queue.SetJobs(JobsOfOneObject());
     std::string at = "127.0.0.1:" + std::to_string(services.Port());
     std::string config = dir.Write(
         "agent.ini", "[host]\nlog_file = host.log\nlog_level = 1\n"
@@ -63,13 +64,14 @@ class PipelineInHost : public ::testing::Test {
   }
   void Skip(int seconds) { host.Clock().Skip(seconds); }
 
-  integration::FakeServices services;
+  integration::FakeServices services;  // master and statistics access, found by name
+  integration::FakeServices queue;     // task queue and aggregation, named by the two above
   host_test::TempDir dir;
   zelvar_host::Host host;
 };
 
-TEST_F(PipelineInHost, JobOutputReachesTheAggregationServiceAsSamples) {
-  std::string endpoint = "127.0.0.1:" + std::to_string(services.Port());
+TEST_F(PipelineInHost, JobOutputReachesTheAggregationServiceTheAccessServiceNamed) {
+  std::string endpoint = "127.0.0.1:" + std::to_string(queue.Port());
   ASSERT_TRUE(RunUntilLogged("name=MASTER, ip=127.0.0.1, port=" + std::to_string(services.Port()))) << Log();
 
   Skip(10);  // the task queue and the aggregation endpoint are asked for
@@ -77,8 +79,8 @@ TEST_F(PipelineInHost, JobOutputReachesTheAggregationServiceAsSamples) {
   ASSERT_TRUE(host.RunUntil([&] { return !services.Received(ov::GET_AGGREGATION_REQUEST).empty(); }, 20.0));
 
   Skip(150);  // the job list is fetched
-  ASSERT_TRUE(host.RunUntil([&] { return !services.Received(ov::GET_JOB_REQUEST).empty(); }, 20.0)) << Log();
-  EXPECT_EQ(services.Received(ov::GET_JOB_REQUEST)[0].body().GetExtension(ov::get_job_request).agent_name(), "it");
+  ASSERT_TRUE(host.RunUntil([&] { return !queue.Received(ov::GET_JOB_REQUEST).empty(); }, 20.0)) << Log();
+  EXPECT_EQ(queue.Received(ov::GET_JOB_REQUEST)[0].body().GetExtension(ov::get_job_request).agent_name(), "it");
 
   Skip(10);  // the jobs run
   ASSERT_TRUE(RunUntilLogged("long action stderr: 3, ")) << Log();
@@ -87,13 +89,15 @@ TEST_F(PipelineInHost, JobOutputReachesTheAggregationServiceAsSamples) {
   Skip(10);  // the samples leave
   ASSERT_TRUE(host.RunUntil(
       [&] {
-        return !services.Received(ov::RECORD_STATS_REQUEST).empty() &&
-               !services.Received(ov::RECORD_STRING_STATS_REQUEST).empty();
+        return !queue.Received(ov::RECORD_STATS_REQUEST).empty() &&
+               !queue.Received(ov::RECORD_STRING_STATS_REQUEST).empty();
       },
       20.0))
       << Log();
 
-  const auto numeric = services.Received(ov::RECORD_STATS_REQUEST)[0].body().GetExtension(tl::record_stats_request);
+  EXPECT_TRUE(services.Received(ov::GET_JOB_REQUEST).empty());
+  EXPECT_TRUE(services.Received(ov::RECORD_STATS_REQUEST).empty());
+  const auto numeric = queue.Received(ov::RECORD_STATS_REQUEST)[0].body().GetExtension(tl::record_stats_request);
   ASSERT_EQ(numeric.stats_size(), 1) << numeric.DebugString();
   EXPECT_EQ(numeric.stats(0).name(), "load");
   EXPECT_EQ(numeric.stats(0).object_id(), 1u);
@@ -101,7 +105,7 @@ TEST_F(PipelineInHost, JobOutputReachesTheAggregationServiceAsSamples) {
   EXPECT_EQ(numeric.stats(0).value(), 123);
 
   const auto text =
-      services.Received(ov::RECORD_STRING_STATS_REQUEST)[0].body().GetExtension(tl::record_string_stats_request);
+      queue.Received(ov::RECORD_STRING_STATS_REQUEST)[0].body().GetExtension(tl::record_string_stats_request);
   ASSERT_EQ(text.stats_size(), 1) << text.DebugString();
   EXPECT_EQ(text.stats(0).name(), "kernel");
   EXPECT_EQ(text.stats(0).job_id(), 2u);
