@@ -14,22 +14,17 @@ bool g_need_updatejobs = false;
 
 namespace {
 
-const char* ConfigString(const char* section, const char* key) {
-  const char* value = HostFn<zelvar::GetConfigStringFn>(zelvar::kSlotGetConfigString)(section, key, nullptr);
-  return value != nullptr ? value : "";
-}
-
 // The value is taken as strtol reads it, cut to 32 bits; a value whose low
 // 32 bits are 0 (absent, empty, not a number, "0") means the default.
 uint32_t ReadHighPrecisionFrequency() {
-  const char* text = ConfigString("common", "highprecision_frequency");
+  const char* text = ovita2::HostConfigString("common", "highprecision_frequency");
   uint32_t frequency = static_cast<uint32_t>(std::strtol(text, nullptr, 10));
   return frequency != 0 ? frequency : kDefaultHighPrecisionFrequency;
 }
 
 void DefineNames(const std::vector<std::string>& keys) {
   for (const std::string& key : keys) {
-    std::string path = ConfigString("names", key.c_str());
+    std::string path = ovita2::HostConfigString("names", key.c_str());
     if (key.empty() || path.empty()) continue;
     NameContainer::Instance()->DefineName(key, path);
     ovita2::HostLog(1, "define name %s to %s", key.c_str(), path.c_str());

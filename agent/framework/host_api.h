@@ -37,6 +37,13 @@ inline bool LogEnabled(int level) {
   return getLogLevel != nullptr && getLogLevel() <= level;
 }
 
+// A configuration value, "" when the host has none (the agent asks with no
+// default and uses the answer as a C string).
+inline const char* HostConfigString(const char* section, const char* key) {
+  const char* value = HostFn<zelvar::GetConfigStringFn>(zelvar::kSlotGetConfigString)(section, key, nullptr);
+  return value != nullptr ? value : "";
+}
+
 // The host's clock in whole seconds since the epoch.
 inline int64_t HostNow() { return *HostFn<zelvar::GetNowFn>(zelvar::kSlotGetNow)(); }
 

@@ -37,10 +37,8 @@ int UpdateJobsMachine::Entry_Init(zelvar::event_key_t, void*) {
   zelvar::ZMessage request;
   zelvar::NewMessage(&request, Flowno(), zelvar::MyUuid::NewUuid(), kRequestType, 0, false, GetMachineId(), 0,
                      nullptr, nullptr, nullptr);
-  const char* agentName =
-      HostFn<zelvar::GetConfigStringFn>(zelvar::kSlotGetConfigString)("common", "agentname", nullptr);
   request.mutable_body()->MutableExtension(zelvar::ovita2::get_job_request)->set_agent_name(
-      agentName != nullptr ? agentName : "");
+      ovita2::HostConfigString("common", "agentname"));
   SendRequest(request, g_strTQIP.c_str(), static_cast<unsigned>(g_iTQPort), 0);
   SetState(kWaitJobs);
   return zelvar::kKeepMachine;

@@ -28,14 +28,9 @@ RegisterMyselfMachine::RegisterLock RegisterMyselfMachine::m_sLock = {0, 0};
 
 namespace {
 
-std::string ConfigString(const char* section, const char* key) {
-  const char* value = ovita2::HostFn<zelvar::GetConfigStringFn>(zelvar::kSlotGetConfigString)(section, key, nullptr);
-  return value != nullptr ? value : "";
-}
-
 std::string SerializedAddress() {
   zelvar::kadri::NameNodeContent content;
-  content.set_ip(ConfigString("network", "listen-ip"));
+  content.set_ip(ovita2::HostConfigString("network", "listen-ip"));
   content.set_port(ovita2::HostFn<zelvar::GetConfigIntFn>(zelvar::kSlotGetConfigInt)("network", "listen-port", 0));
   std::string bytes;
   content.SerializeToString(&bytes);
@@ -72,7 +67,7 @@ int RegisterMyselfMachine::Entry_Init(zelvar::event_key_t, void*) {
   zelvar::ZKPluginHandle* handle = ei_handle();
   if (handle == nullptr) return zelvar::kMachineFailed;
 
-  m_strMyName = ConfigString("common", "myname");
+  m_strMyName = ovita2::HostConfigString("common", "myname");
   if (handle->ZKPluginCall(GetMachineId(), "set_callback", &conn_callback_myself) != 0) {
     ovita2::MachineLog(4, this, "call set_callback failed, node: %s", m_strMyName.c_str());
     return zelvar::kMachineFailed;

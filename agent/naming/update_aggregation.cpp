@@ -32,10 +32,8 @@ int UpdateAggregationMachine::Entry_Init(zelvar::event_key_t, void*) {
   zelvar::ZMessage request;
   zelvar::NewMessage(&request, Flowno(), zelvar::MyUuid::NewUuid(), kRequestType, 0, false, GetMachineId(), 0,
                      nullptr, nullptr, nullptr);
-  const char* myName =
-      HostFn<zelvar::GetConfigStringFn>(zelvar::kSlotGetConfigString)("common", "myname", nullptr);
   request.mutable_body()->MutableExtension(zelvar::ovita2::get_aggregation_request)->set_node_path(
-      myName != nullptr ? myName : "");
+      ovita2::HostConfigString("common", "myname"));
 
   const zelvar::kadri::NameNodeContent* access = NameContainer::Instance()->GetNameValue("TELLAR2_ACCESS");
   if (access == nullptr) {

@@ -35,10 +35,8 @@ int UpdateTaskQueueMachine::Entry_Init(zelvar::event_key_t, void*) {
   zelvar::ZMessage request;
   zelvar::NewMessage(&request, Flowno(), zelvar::MyUuid::NewUuid(), kRequestType, 0, false, GetMachineId(), 0,
                      nullptr, nullptr, nullptr);
-  const char* myName =
-      HostFn<zelvar::GetConfigStringFn>(zelvar::kSlotGetConfigString)("common", "myname", nullptr);
   request.mutable_body()->MutableExtension(zelvar::ovita2::get_task_queue_request)->set_node_path(
-      myName != nullptr ? myName : "");
+      ovita2::HostConfigString("common", "myname"));
   SendRequest(request, master->ip().c_str(), static_cast<unsigned>(master->port()), 0);
   SetState(kWaitTaskQueue);
   return zelvar::kKeepMachine;
