@@ -21,6 +21,8 @@
 
 #include <zookeeper/zookeeper.h>
 
+#include "common/plugin_host.h"
+
 #include <cstdarg>
 #include <cstdint>
 
@@ -42,6 +44,24 @@ struct ZKCommand {
   // Reads the arguments of `command` from `args`. Returns ZOK, or
   // ZBADARGUMENTS when the call must be refused.
   static int Decode(const char* command, va_list args, ZKCommand* out);
+
+  // The body of a plug-in's ZKPluginCall: decodes the arguments and hands the
+  // command to `registry` (anything with Call(machineId, const ZKCommand&)).
+  // Bad arguments are logged through `host` with the plug-in's `label` and
+  // refused; a plug-in that is not started refuses with ZINVALIDSTATE.
+  template <typename Registry>
+  static int Dispatch(const char* label, const PluginHost& host, Registry* registry, unsigned machineId,
+                      const char* command, va_list args) {
+    ZKCommand decoded;
+    int rc = Decode(command, args, &decoded);
+    if (rc != ZOK) {
+      host.Log(4, "%s: command \"%s\" from machine %u refused: bad arguments", label,
+          command != nullptr ? command : "(null)", machineId);
+      return rc;
+    }
+    if (registry == nullptr) return ZINVALIDSTATE;
+    return registry->Call(machineId, decoded);
+  }
 
   // ZooKeeper's rules for a node path: starts with '/', no empty component, no
   // "." or ".." component, no trailing '/' except the root itself.

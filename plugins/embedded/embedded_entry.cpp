@@ -21,18 +21,11 @@ PluginHost g_host;
 std::unique_ptr<EmbeddedRegistry> g_registry;
 
 int EmbeddedCall(unsigned machineId, const char* command, ...) {
-  ZKCommand decoded;
   va_list args;
   va_start(args, command);
-  int rc = ZKCommand::Decode(command, args, &decoded);
+  int rc = ZKCommand::Dispatch("embedded registry", g_host, g_registry.get(), machineId, command, args);
   va_end(args);
-  if (rc != ZOK) {
-    g_host.Log(4, "embedded registry: command \"%s\" from machine %u refused: bad arguments",
-               command != nullptr ? command : "(null)", machineId);
-    return rc;
-  }
-  if (!g_registry) return ZINVALIDSTATE;
-  return g_registry->Call(machineId, decoded);
+  return rc;
 }
 
 zelvar::ZKPluginHandle g_handle = {&EmbeddedCall};

@@ -22,18 +22,11 @@ PluginHost g_host;
 std::unique_ptr<ZooKeeperRegistry> g_registry;
 
 int ZooKeeperCall(unsigned machineId, const char* command, ...) {
-  ZKCommand decoded;
   va_list args;
   va_start(args, command);
-  int rc = ZKCommand::Decode(command, args, &decoded);
+  int rc = ZKCommand::Dispatch("zookeeper registry", g_host, g_registry.get(), machineId, command, args);
   va_end(args);
-  if (rc != ZOK) {
-    g_host.Log(4, "zookeeper registry: command \"%s\" from machine %u refused: bad arguments",
-               command != nullptr ? command : "(null)", machineId);
-    return rc;
-  }
-  if (!g_registry) return ZINVALIDSTATE;
-  return g_registry->Call(machineId, decoded);
+  return rc;
 }
 
 int GetClientId(clientid_t* out) { return g_registry ? g_registry->GetClientId(out) : -1; }
