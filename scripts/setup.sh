@@ -13,6 +13,7 @@ packages=(
   libsqlite3-dev
   libyaml-cpp-dev
   libcli11-dev
+  nlohmann-json3-dev
   libgtest-dev libgmock-dev libbenchmark-dev
 )
 
