@@ -85,6 +85,8 @@ class SampleStore {
   // TouchAgent plus the heartbeat's time, version and job count.
   bool RecordHeartbeat(const std::string& name, const std::string& address, int64_t at, const std::string& version,
                        uint32_t jobCount, std::string* error);
+  // Deletes samples and real-time lines received before `cutoff` (agents stay).
+  bool Prune(int64_t cutoff, std::string* error);
 
   // Reads.
   std::vector<AgentRow> Agents(std::string* error) const;  // by name
