@@ -1,0 +1,101 @@
+#include "plugin/plugin_settings.h"
+
+#include <unistd.h>
+
+#include <climits>
+#include <cstdlib>
+
+namespace controlplane {
+namespace {
+
+constexpr const char* kSection = "controlplane";
+constexpr const char* kDefaultMasterPath = "/ovita2/names/MASTER";
+constexpr const char* kDefaultAccessPath = "/ovita2/names/TELLAR2_ACCESS";
+
+std::string ResolveAgainst(const std::string& configPath, const std::string& path) {
+  if (path.empty() || path[0] == '/') return path;
+  std::string::size_type slash = configPath.rfind('/');
+  if (slash == std::string::npos) return path;
+  return configPath.substr(0, slash + 1) + path;
+}
+
+std::string HostName() {
+  char name[HOST_NAME_MAX + 1] = {};
+  if (gethostname(name, sizeof name - 1) != 0 || name[0] == '\0') return "controlplane";
+  return name;
+}
+
+bool IsWildcard(const std::string& ip) { return ip.empty() || ip == "0.0.0.0" || ip == "::" || ip == "[::]"; }
+
+// A whole decimal number in [low, high], or false.
+bool ParseBounded(const std::string& text, long low, long high, long* value) {
+  if (text.empty()) return false;
+  char* end = nullptr;
+  long parsed = std::strtol(text.c_str(), &end, 10);
+  if (*end != '\0' || parsed < low || parsed > high) return false;
+  *value = parsed;
+  return true;
+}
+
+bool IsRegistryFolder(const std::string& path) {
+  return path.size() > 1 && path[0] == '/' && path.back() != '/' && path.find("//") == std::string::npos;
+}
+
+bool ReadEndpoint(const ConfigReader& read, Endpoint* self, std::string* error) {
+  self->name = read(kSection, "name");
+  if (self->name.empty()) self->name = HostName();
+  if (self->name.find('/') != std::string::npos) {
+    *error = "[controlplane] name \"" + self->name + "\" may not contain '/': it names a registry node";
+    return false;
+  }
+  self->ip = read(kSection, "advertise_ip");
+  if (self->ip.empty()) self->ip = read("network", "listen-ip");
+  if (IsWildcard(self->ip)) {
+    *error = "[controlplane] advertise_ip is needed: [network] listen-ip \"" + self->ip +
+             "\" is no address an agent can be told";
+    return false;
+  }
+  long port = 0;
+  if (!ParseBounded(read("network", "listen-port"), 1, 65535, &port)) {
+    *error = "[network] listen-port must be set to a port (1-65535): the control plane answers there";
+    return false;
+  }
+  self->port = static_cast<int32_t>(port);
+  return true;
+}
+
+}  // namespace
+
+bool ReadPluginSettings(const ConfigReader& read, const std::string& configPath, PluginSettings* out,
+                        std::string* error) {
+  PluginSettings settings;
+  if (!ReadEndpoint(read, &settings.self, error)) return false;
+  settings.jobs_file = ResolveAgainst(configPath, read(kSection, "jobs_file"));
+  settings.database = ResolveAgainst(configPath, read(kSection, "database"));
+  if (settings.jobs_file.empty() || settings.database.empty()) {
+    *error = std::string("[controlplane] ") + (settings.jobs_file.empty() ? "jobs_file" : "database") +
+             " must be set";
+    return false;
+  }
+  std::string keepDays = read(kSection, "keep_days");
+  long days = settings.keep_days;
+  if (!keepDays.empty() && !ParseBounded(keepDays, 0, 36500, &days)) {
+    *error = "[controlplane] keep_days must be a number of days from 0 (keep everything) to 36500, not \"" +
+             keepDays + "\"";
+    return false;
+  }
+  settings.keep_days = static_cast<int>(days);
+  for (const char* key : {"master_path", "access_path"}) {
+    std::string folder = read(kSection, key);
+    if (folder.empty()) folder = key == std::string("master_path") ? kDefaultMasterPath : kDefaultAccessPath;
+    if (!IsRegistryFolder(folder)) {
+      *error = std::string("[controlplane] ") + key + " \"" + folder + "\" is not a registry path like /a/b";
+      return false;
+    }
+    settings.registry_nodes.push_back(folder + "/" + settings.self.name);
+  }
+  *out = std::move(settings);
+  return true;
+}
+
+}  // namespace controlplane
