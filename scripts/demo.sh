@@ -101,7 +101,8 @@ narrate() {
     /controlplane: registered/      { sub(/.*controlplane: /, ""); show("control plane: " $0 " in its registry") }
     /Registe myself node:/          { sub(/.*node: /, ""); show("agent: registering itself as " $0) }
     /Register myself finished/      { show("agent: registered in its name service") }
-    /define name .* to /            { sub(/.*define name /, ""); show("agent: name " $0) }
+    /\|name=.*, ip=.*, port=/        { sub(/.*\|name=/, ""); sub(/, ip=/, " at "); sub(/, port=/, ":");
+                                      show("agent: found " $0 " in its name service") }
     /my task queue:/                { sub(/.*my task queue: /, "");
                                       show("agent: task queue found: " $0);
                                       show("agent: its job list is fetched at its next job-update run, about 2.5 minutes after start; waiting") }
