@@ -6,6 +6,7 @@
 
 #include <cstdio>
 #include <fstream>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -274,6 +275,32 @@ TEST(AgentCatalogue, ObjectOfJobIsKnownOnlyWhenOneObjectHoldsTheJob) {
   EXPECT_EQ(agent->ObjectOfJob(6), 2u);
   EXPECT_EQ(agent->ObjectOfJob(5), std::nullopt) << "two objects hold job 5";
   EXPECT_EQ(agent->ObjectOfJob(7), std::nullopt);
+}
+
+// The shipped example must load, and each of its commands must print what the
+// agent will read: a number for a numeric job, one line for a text job.
+TEST(DemoJobsFile, LoadsAndEveryCommandPrintsOneValue) {
+  JobCatalogue catalogue;
+  std::string error;
+  ASSERT_TRUE(JobCatalogue::Load(DEMO_JOBS_FILE, &catalogue, &error)) << error;
+  const AgentCatalogue* demo = catalogue.Find("demo");
+  ASSERT_NE(demo, nullptr);
+  ASSERT_EQ(demo->object_jobs.size(), 5u);
+  const std::regex number("[0-9]+(\\.[0-9]+)?\n");
+  const std::regex line("[^\n]+\n");
+  for (const auto& objectJob : demo->object_jobs) {
+    const zelvar::ovita2::JobDescription& job = objectJob.job();
+    EXPECT_EQ(objectJob.object_id(), 1u);
+    std::FILE* pipe = popen(job.command().c_str(), "r");
+    ASSERT_NE(pipe, nullptr) << job.command();
+    std::string output;
+    char buffer[256];
+    size_t got = 0;
+    while ((got = std::fread(buffer, 1, sizeof buffer, pipe)) > 0) output.append(buffer, got);
+    EXPECT_EQ(pclose(pipe), 0) << job.command();
+    EXPECT_TRUE(std::regex_match(output, job.string_value() == 1 ? line : number))
+        << job.stat_key() << ": \"" << output << "\" from " << job.command();
+  }
 }
 
 }  // namespace
