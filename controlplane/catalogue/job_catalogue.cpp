@@ -1,0 +1,437 @@
+// JobCatalogue: reads the jobs file strictly, so that a typo or a misplaced
+// value stops the load with its position instead of handing agents a job that
+// silently lacks a field.
+#include "catalogue/job_catalogue.h"
+
+#include <yaml-cpp/yaml.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <limits>
+#include <utility>
+
+namespace controlplane {
+
+namespace {
+
+using zelvar::ovita2::ConfObject;
+using zelvar::ovita2::JobDescription;
+using zelvar::ovita2::ObjectJob;
+
+using AgentMap = std::map<std::string, AgentCatalogue>;
+
+// A mistake in the file. Thrown from deep inside the reader so that each
+// reading step stays a plain function; Parse turns it into the one-line
+// message.
+struct CatalogueError {
+  YAML::Mark m_mark;
+  std::string m_strMessage;
+};
+
+[[noreturn]] void Fail(const YAML::Mark& mark, std::string message) { throw CatalogueError{mark, std::move(message)}; }
+
+std::string Quoted(const std::string& text) { return "\"" + text + "\""; }
+
+std::string Located(const std::string& sourceName, const YAML::Mark& mark, const std::string& message) {
+  if (mark.is_null()) return sourceName + ": " + message;
+  return sourceName + ":" + std::to_string(mark.line + 1) + ":" + std::to_string(mark.column + 1) + ": " + message;
+}
+
+std::string LineOf(const YAML::Mark& mark) { return std::to_string(mark.line + 1); }
+
+// How a node reads to the user, to finish "must be X, not ...".
+std::string Describe(const YAML::Node& node) {
+  switch (node.Type()) {
+    case YAML::NodeType::Scalar:
+      return Quoted(node.Scalar());
+    case YAML::NodeType::Sequence:
+      return "a list";
+    case YAML::NodeType::Map:
+      return "a map";
+    default:
+      return "empty";
+  }
+}
+
+// One key of a map with its value.
+struct Field {
+  std::string m_strName;
+  YAML::Node m_key;
+  YAML::Node m_value;
+};
+
+// Where to point for a field's value. yaml-cpp places an empty value at the
+// token after it, often on the next line, so the key is the better place then.
+YAML::Mark PlaceOf(const Field& field) { return field.m_value.IsNull() ? field.m_key.Mark() : field.m_value.Mark(); }
+
+using FieldMap = std::map<std::string, Field>;
+
+std::string Join(const std::vector<std::string>& names) {
+  std::string joined;
+  for (const std::string& name : names) joined += (joined.empty() ? "" : ", ") + name;
+  return joined;
+}
+
+// The keys of a fixed-shape map. yaml-cpp keeps a repeated key as a second
+// entry rather than rejecting it, so repeats are caught here. (Map entries
+// are walked by value throughout: yaml-cpp's iterator hands out temporaries.)
+FieldMap ReadFields(const YAML::Node& map, const std::vector<std::string>& known, const std::string& what) {
+  FieldMap fields;
+  for (const auto& entry : map) {
+    const YAML::Node key = entry.first;
+    if (!key.IsScalar()) Fail(key.Mark(), what + " field names must be text, not " + Describe(key));
+    const std::string& name = key.Scalar();
+    if (std::find(known.begin(), known.end(), name) == known.end()) {
+      Fail(key.Mark(), "unknown " + what + " field " + Quoted(name) + " (known: " + Join(known) + ")");
+    }
+    auto inserted = fields.emplace(name, Field{name, key, entry.second});
+    if (!inserted.second) {
+      Fail(key.Mark(), what + " field " + Quoted(name) + " is given twice (first at line " +
+                           LineOf(inserted.first->second.m_key.Mark()) + ")");
+    }
+  }
+  return fields;
+}
+
+const Field* FindField(const FieldMap& fields, const std::string& name) {
+  auto found = fields.find(name);
+  return found != fields.end() ? &found->second : nullptr;
+}
+
+const Field& RequireField(const FieldMap& fields, const std::string& name, const YAML::Node& owner,
+                          const std::string& ownerLabel) {
+  const Field* field = FindField(fields, name);
+  if (field == nullptr) Fail(owner.Mark(), ownerLabel + " has no " + Quoted(name));
+  return *field;
+}
+
+// Digits only: YAML would also read "+5", "0x1F" or "1e3" as numbers, but in
+// a job id or an interval such spellings are far likelier slips than intents.
+bool ParseDecimal(const std::string& text, uint64_t max, uint64_t* value) {
+  if (text.empty()) return false;
+  uint64_t parsed = 0;
+  for (char digit : text) {
+    if (digit < '0' || digit > '9') return false;
+    const uint64_t next = static_cast<uint64_t>(digit - '0');
+    if (parsed > (max - next) / 10) return false;
+    parsed = parsed * 10 + next;
+  }
+  *value = parsed;
+  return true;
+}
+
+// An unsigned 32-bit YAML integer. A quoted "10" is text in YAML, and
+// accepting it would blur the line the file draws between numbers and text.
+uint32_t Uint32Of(const YAML::Node& node, const YAML::Mark& place, const std::string& what) {
+  const std::string expected = what + " must be an unsigned 32-bit integer";
+  if (!node.IsScalar()) Fail(place, expected + ", not " + Describe(node));
+  if (node.Tag() == "!") Fail(place, expected + ", not the quoted text " + Describe(node) + " (drop the quotes)");
+  uint64_t value = 0;
+  if (!ParseDecimal(node.Scalar(), std::numeric_limits<uint32_t>::max(), &value)) {
+    Fail(place, expected + ", not " + Describe(node));
+  }
+  return static_cast<uint32_t>(value);
+}
+
+uint32_t Uint32Of(const Field& field, const std::string& owner) {
+  return Uint32Of(field.m_value, PlaceOf(field), owner + " field " + Quoted(field.m_strName));
+}
+
+uint32_t PositiveUint32Of(const Field& field, const std::string& owner) {
+  const uint32_t value = Uint32Of(field, owner);
+  if (value == 0) Fail(PlaceOf(field), owner + " field " + Quoted(field.m_strName) + " must be at least 1, not 0");
+  return value;
+}
+
+// A text field as written. An empty value is refused rather than read as ""
+// because it is as likely a value forgotten as one meant to be empty.
+std::string TextOf(const Field& field, const std::string& owner) {
+  const std::string what = owner + " field " + Quoted(field.m_strName);
+  if (field.m_value.IsNull()) Fail(PlaceOf(field), what + " has no value (write \"\" for an empty text)");
+  if (!field.m_value.IsScalar()) Fail(PlaceOf(field), what + " must be text, not " + Describe(field.m_value));
+  return field.m_value.Scalar();
+}
+
+std::string NonEmptyTextOf(const Field& field, const std::string& owner) {
+  const std::string what = owner + " field " + Quoted(field.m_strName);
+  if (field.m_value.IsNull() || (field.m_value.IsScalar() && field.m_value.Scalar().empty())) {
+    Fail(PlaceOf(field), what + " must not be empty");
+  }
+  return TextOf(field, owner);
+}
+
+// A collector parameter is an unsigned 64-bit number that the proto carries
+// as text; either YAML spelling is accepted, and it is stored in its plain
+// decimal form so that "007" and 7 reach the agent alike.
+std::string ParameterOf(const Field& field) {
+  const std::string what = "collector configuration field " + Quoted(field.m_strName);
+  uint64_t value = 0;
+  if (!field.m_value.IsScalar() ||
+      !ParseDecimal(field.m_value.Scalar(), std::numeric_limits<uint64_t>::max(), &value)) {
+    Fail(PlaceOf(field), what + " must be an unsigned 64-bit decimal number, not " + Describe(field.m_value));
+  }
+  return std::to_string(value);
+}
+
+// A list that may be left empty. A key whose items were all commented out is
+// read as "none" rather than as a mistake.
+void RequireListOrNothing(const Field& field, const std::string& what) {
+  if (!field.m_value.IsNull() && !field.m_value.IsSequence()) {
+    Fail(PlaceOf(field), what + " must be a list, not " + Describe(field.m_value));
+  }
+}
+
+void RequireMap(const YAML::Node& node, const std::string& what) {
+  if (!node.IsMap()) Fail(node.Mark(), what + " must be a map, not " + Describe(node));
+}
+
+const std::vector<std::string>& JobFieldNames() {
+  static const std::vector<std::string> names = {"job_id",
+                                                 "stat_item",
+                                                 "interval",
+                                                 "command",
+                                                 "command_args",
+                                                 "second_phase",
+                                                 "second_phase_command",
+                                                 "second_phase_delay",
+                                                 "stat_key",
+                                                 "string_value",
+                                                 "description"};
+  return names;
+}
+
+// Only the fields written in the file are set, so an agent can tell a field
+// left out from one written as 0.
+void SetOptionalJobFields(const FieldMap& fields, JobDescription* job) {
+  const std::string owner = "job";
+  if (const Field* field = FindField(fields, "stat_item")) job->set_stat_item(Uint32Of(*field, owner));
+  if (const Field* field = FindField(fields, "command_args")) job->set_command_args(TextOf(*field, owner));
+  if (const Field* field = FindField(fields, "second_phase")) job->set_second_phase(Uint32Of(*field, owner));
+  if (const Field* field = FindField(fields, "second_phase_command")) {
+    job->set_second_phase_command(TextOf(*field, owner));
+  }
+  if (const Field* field = FindField(fields, "second_phase_delay")) {
+    job->set_second_phase_delay(Uint32Of(*field, owner));
+  }
+  if (const Field* field = FindField(fields, "string_value")) job->set_string_value(Uint32Of(*field, owner));
+  if (const Field* field = FindField(fields, "description")) job->set_description(TextOf(*field, owner));
+}
+
+// Ids already read in one scope (jobs of an object, objects or collector
+// types of an agent), with where each was first given.
+using SeenIds = std::map<uint32_t, YAML::Mark>;
+
+void RejectRepeat(SeenIds* seen, uint32_t id, const YAML::Mark& place, const std::string& label) {
+  auto inserted = seen->emplace(id, place);
+  if (!inserted.second) {
+    Fail(place, label + " is defined twice (first at line " + LineOf(inserted.first->second) + ")");
+  }
+}
+
+JobDescription ReadJob(const YAML::Node& node, const std::string& objectLabel, SeenIds* seenJobs) {
+  RequireMap(node, "a job of " + objectLabel);
+  const FieldMap fields = ReadFields(node, JobFieldNames(), "job");
+  const Field& idField = RequireField(fields, "job_id", node, "job of " + objectLabel);
+  const uint32_t jobId = Uint32Of(idField, "job");
+  const std::string jobLabel = "job " + std::to_string(jobId) + " of " + objectLabel;
+  RejectRepeat(seenJobs, jobId, PlaceOf(idField), jobLabel);
+
+  JobDescription job;
+  job.set_job_id(jobId);
+  job.set_interval(PositiveUint32Of(RequireField(fields, "interval", node, jobLabel), "job"));
+  job.set_command(NonEmptyTextOf(RequireField(fields, "command", node, jobLabel), "job"));
+  job.set_stat_key(NonEmptyTextOf(RequireField(fields, "stat_key", node, jobLabel), "job"));
+  SetOptionalJobFields(fields, &job);
+  return job;
+}
+
+void ReadObject(const YAML::Node& node, const std::string& agentLabel, SeenIds* seenObjects,
+                std::vector<ObjectJob>* objectJobs) {
+  RequireMap(node, "an object of " + agentLabel);
+  const FieldMap fields = ReadFields(node, {"object_id", "jobs"}, "object");
+  const Field& idField = RequireField(fields, "object_id", node, "object of " + agentLabel);
+  const uint32_t objectId = Uint32Of(idField, "object");
+  const std::string objectLabel = "object " + std::to_string(objectId) + " of " + agentLabel;
+  RejectRepeat(seenObjects, objectId, PlaceOf(idField), objectLabel);
+
+  const Field* jobsField = FindField(fields, "jobs");
+  if (jobsField == nullptr) return;
+  RequireListOrNothing(*jobsField, Quoted("jobs") + " of " + objectLabel);
+  SeenIds seenJobs;
+  for (const YAML::Node& jobNode : jobsField->m_value) {
+    ObjectJob& objectJob = objectJobs->emplace_back();
+    objectJob.set_object_id(objectId);
+    *objectJob.mutable_job() = ReadJob(jobNode, objectLabel, &seenJobs);
+  }
+}
+
+ConfObject ReadConf(const YAML::Node& node, const std::string& typeLabel, std::map<std::string, YAML::Mark>* seen) {
+  RequireMap(node, "a configuration of " + typeLabel);
+  const FieldMap fields = ReadFields(node, {"target", "parameter"}, "collector configuration");
+  const Field& targetField = RequireField(fields, "target", node, "configuration of " + typeLabel);
+  ConfObject conf;
+  conf.set_target(NonEmptyTextOf(targetField, "collector configuration"));
+  auto inserted = seen->emplace(conf.target(), PlaceOf(targetField));
+  if (!inserted.second) {
+    Fail(PlaceOf(targetField), "target " + Quoted(conf.target()) + " of " + typeLabel +
+                                   " is given twice (first at line " + LineOf(inserted.first->second) + ")");
+  }
+  const Field* parameterField = FindField(fields, "parameter");
+  conf.set_parameter(parameterField != nullptr ? ParameterOf(*parameterField) : "0");
+  return conf;
+}
+
+void ReadConfs(const Field& confsField, const std::string& agentLabel,
+               std::map<uint32_t, std::vector<ConfObject>>* confs) {
+  const YAML::Node& node = confsField.m_value;
+  if (node.IsNull()) return;
+  if (!node.IsMap()) {
+    Fail(PlaceOf(confsField),
+         Quoted("confs") + " of " + agentLabel + " must be a map from collector type to a list, not " + Describe(node));
+  }
+  SeenIds seenTypes;
+  for (const auto& entry : node) {
+    const YAML::Node key = entry.first;
+    const uint32_t type = Uint32Of(key, key.Mark(), "a collector type of " + agentLabel);
+    if (type == 0) Fail(key.Mark(), "a collector type of " + agentLabel + " must be at least 1, not 0");
+    const std::string typeLabel = "collector type " + std::to_string(type) + " of " + agentLabel;
+    const Field typeField{std::to_string(type), key, entry.second};
+    RejectRepeat(&seenTypes, type, key.Mark(), typeLabel);
+    RequireListOrNothing(typeField, typeLabel);
+    std::vector<ConfObject>& ofType = (*confs)[type];
+    std::map<std::string, YAML::Mark> seenTargets;
+    for (const YAML::Node& confNode : typeField.m_value) ofType.push_back(ReadConf(confNode, typeLabel, &seenTargets));
+  }
+}
+
+// An empty entry ("web-01:") is an agent that is given nothing.
+AgentCatalogue ReadAgent(const Field& agentField) {
+  const std::string agentLabel = "agent " + Quoted(agentField.m_strName);
+  AgentCatalogue agent;
+  const YAML::Node& node = agentField.m_value;
+  if (node.IsNull()) return agent;
+  if (!node.IsMap()) {
+    Fail(PlaceOf(agentField), agentLabel + " must be a map (of \"objects\" and \"confs\"), not " + Describe(node));
+  }
+  const FieldMap fields = ReadFields(node, {"objects", "confs"}, "agent");
+  if (const Field* objectsField = FindField(fields, "objects")) {
+    RequireListOrNothing(*objectsField, Quoted("objects") + " of " + agentLabel);
+    SeenIds seenObjects;
+    for (const YAML::Node& objectNode : objectsField->m_value) {
+      ReadObject(objectNode, agentLabel, &seenObjects, &agent.object_jobs);
+    }
+  }
+  if (const Field* confsField = FindField(fields, "confs")) ReadConfs(*confsField, agentLabel, &agent.confs);
+  return agent;
+}
+
+AgentMap ReadAgents(const Field& agentsField) {
+  const YAML::Node& node = agentsField.m_value;
+  // A bare "agents:" is the same slip as an empty file; a catalogue meant to
+  // give nobody anything says so with "{}".
+  if (node.IsNull()) Fail(agentsField.m_key.Mark(), "\"agents\" is empty (write \"agents: {}\" for no agents)");
+  if (!node.IsMap()) Fail(PlaceOf(agentsField), "\"agents\" must be a map from agent name, not " + Describe(node));
+  AgentMap agents;
+  std::map<std::string, YAML::Mark> seenNames;
+  for (const auto& entry : node) {
+    const YAML::Node key = entry.first;
+    if (!key.IsScalar() || key.Scalar().empty()) {
+      Fail(key.Mark(), "an agent name must be non-empty text, not " + Describe(key));
+    }
+    const Field agentField{key.Scalar(), key, entry.second};
+    auto inserted = seenNames.emplace(agentField.m_strName, key.Mark());
+    if (!inserted.second) {
+      Fail(key.Mark(), "agent " + Quoted(agentField.m_strName) + " is defined twice (first at line " +
+                           LineOf(inserted.first->second) + ")");
+    }
+    agents.emplace(agentField.m_strName, ReadAgent(agentField));
+  }
+  return agents;
+}
+
+AgentMap ReadDocument(const YAML::Node& root) {
+  RequireMap(root, "the file");
+  const FieldMap fields = ReadFields(root, {"agents"}, "top-level");
+  const Field* agentsField = FindField(fields, "agents");
+  if (agentsField == nullptr) Fail(root.Mark(), "no \"agents\" map");
+  return ReadAgents(*agentsField);
+}
+
+bool ReadWholeFile(const std::string& path, std::string* text, std::string* error) {
+  std::FILE* file = std::fopen(path.c_str(), "rb");
+  if (file == nullptr) {
+    *error = path + ": cannot read: " + std::strerror(errno);
+    return false;
+  }
+  char buffer[8192];
+  size_t got = 0;
+  while ((got = std::fread(buffer, 1, sizeof buffer, file)) > 0) text->append(buffer, got);
+  // A directory opens fine on Linux and only fails on the first read.
+  const int readError = std::ferror(file) ? errno : 0;
+  std::fclose(file);
+  if (readError != 0) {
+    *error = path + ": cannot read: " + std::strerror(readError);
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+std::optional<uint32_t> AgentCatalogue::ObjectOfJob(uint32_t jobId) const {
+  std::optional<uint32_t> holder;
+  for (const ObjectJob& objectJob : object_jobs) {
+    if (objectJob.job().job_id() != jobId) continue;
+    // Job ids are unique within an object, so a second hit is a second object.
+    if (holder) return std::nullopt;
+    holder = objectJob.object_id();
+  }
+  return holder;
+}
+
+bool JobCatalogue::Parse(const std::string& text, const std::string& sourceName, JobCatalogue* out,
+                         std::string* error) {
+  AgentMap agents;
+  try {
+    const std::vector<YAML::Node> documents = YAML::LoadAll(text);
+    if (documents.empty() || documents.front().IsNull()) {
+      *error = sourceName + ": no \"agents\" map";
+      return false;
+    }
+    // A second document would otherwise be ignored without a word.
+    for (size_t index = 1; index < documents.size(); ++index) {
+      if (!documents[index].IsNull()) Fail(documents[index].Mark(), "a jobs file holds one YAML document, not more");
+    }
+    agents = ReadDocument(documents.front());
+  } catch (const CatalogueError& mistake) {
+    *error = Located(sourceName, mistake.m_mark, mistake.m_strMessage);
+    return false;
+  } catch (const YAML::Exception& invalid) {
+    *error = Located(sourceName, invalid.mark, "invalid YAML: " + invalid.msg);
+    return false;
+  }
+  out->m_mapAgents.swap(agents);
+  return true;
+}
+
+bool JobCatalogue::Load(const std::string& path, JobCatalogue* out, std::string* error) {
+  std::string text;
+  if (!ReadWholeFile(path, &text, error)) return false;
+  return Parse(text, path, out, error);
+}
+
+const AgentCatalogue* JobCatalogue::Find(const std::string& agentName) const {
+  auto found = m_mapAgents.find(agentName);
+  if (found == m_mapAgents.end()) found = m_mapAgents.find(kAnyAgent);
+  return found != m_mapAgents.end() ? &found->second : nullptr;
+}
+
+size_t JobCatalogue::JobCount() const {
+  size_t count = 0;
+  for (const auto& agent : m_mapAgents) count += agent.second.object_jobs.size();
+  return count;
+}
+
+}  // namespace controlplane
