@@ -88,7 +88,8 @@ class SampleStore {
   // Deletes samples and real-time lines received before `cutoff` (agents stay).
   bool Prune(int64_t cutoff, std::string* error);
 
-  // Reads.
+  // Reads. On failure an empty result and a message; on success *error is
+  // cleared, so an empty result can be told from a failure.
   std::vector<AgentRow> Agents(std::string* error) const;  // by name
   // The `limit` most recent matching samples, oldest first.
   std::vector<SampleRow> RecentSamples(const SampleQuery& query, std::string* error) const;
@@ -97,10 +98,23 @@ class SampleStore {
   // Real-time lines like RecentSamples / SamplesAfter (agent filter only).
   std::vector<RealTimeLineRow> RecentRealTimeLines(const SampleQuery& query, std::string* error) const;
   std::vector<RealTimeLineRow> RealTimeLinesAfter(const SampleQuery& query, std::string* error) const;
+  // The largest id stored so far, whatever it matches (0: none); a follower
+  // starts after it so that it shows only what arrives from then on.
+  int64_t LastSampleId(std::string* error) const;
+  int64_t LastRealTimeLineId(std::string* error) const;
+
+  // After a failed OpenReadOnly: true when the database is not there yet (no
+  // file, or a file the control plane has not finished creating), as opposed
+  // to one that cannot be read.
+  bool NotCreatedYet() const { return m_bNotCreatedYet; }
 
  private:
   bool OpenWith(const std::string& path, int flags, std::string* error);
+  void Close();
+
   sqlite3* m_pDb = nullptr;
+  std::string m_strPath;  // named in every message
+  bool m_bNotCreatedYet = false;
 };
 
 }  // namespace controlplane
