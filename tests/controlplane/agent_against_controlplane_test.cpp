@@ -109,7 +109,7 @@ TEST(AgentAgainstControlPlane, WhatTheAgentMeasuresIsReadBackThroughTheClient) {
                    "[embedded_registry]\n/ovita2/names/MASTER/cp-e2e = " + at +
                        "\n/ovita2/names/TELLAR2_ACCESS/cp-e2e = " + at +
                        "\n[names]\nMASTER = /ovita2/names/MASTER\nTELLAR2_ACCESS = /ovita2/names/TELLAR2_ACCESS\n"
-                       "[common]\nagentname = e2e\nmyname = /ovita2/agents/e2e\n");
+                       "[common]\nagentname = e2e\nmyname = /ovita2/agents/e2e\nhighprecision_frequency = 10\n");
   std::string error;
   ASSERT_TRUE(agent.Init(agentConfig, &error)) << error;
   agent.SetRoutinePeriod(10000);
