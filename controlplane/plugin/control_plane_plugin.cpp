@@ -129,12 +129,18 @@ void ControlPlanePlugin::OnConnect(uint64_t connA, uint64_t connB) {
 
 void ControlPlanePlugin::OnDisconnect(uint64_t connA, uint64_t connB) { m_mapPeers.erase({connA, connB}); }
 
-void ControlPlanePlugin::Serve(const zelvar::ZMessage& request, uint64_t connA, uint64_t connB) {
-  // A connection may close between decoding and serving; what it sent is
-  // still stored, under what is known of its address.
+PeerIdentity ControlPlanePlugin::PeerOf(uint64_t connA, uint64_t connB) const {
   auto known = m_mapPeers.find({connA, connB});
-  PeerIdentity gone;
-  PeerIdentity* peer = known != m_mapPeers.end() ? &known->second : &gone;
+  return known != m_mapPeers.end() ? known->second : PeerIdentity{};
+}
+
+void ControlPlanePlugin::Serve(const zelvar::ZMessage& request, uint64_t connA, uint64_t connB,
+                               PeerIdentity peerAtArrival) {
+  // An agent closes its connection when a reply finds no machine waiting, so
+  // a connection may be gone by the time its last requests are served; what
+  // they carry is still stored, under who sent them.
+  auto known = m_mapPeers.find({connA, connB});
+  PeerIdentity* peer = known != m_mapPeers.end() ? &known->second : &peerAtArrival;
   zelvar::ZMessage reply;
   if (m_pServices->Handle(request, peer, HostNow(), &reply)) WriteReply(reply, connA, connB);
 }

@@ -40,9 +40,11 @@ class ControlPlanePlugin {
 
   void OnConnect(uint64_t connA, uint64_t connB);
   void OnDisconnect(uint64_t connA, uint64_t connB);
+  // Who is known to be at the other end of a connection.
+  PeerIdentity PeerOf(uint64_t connA, uint64_t connB) const;
   // Answers one request on its connection (when the request has an answer and
-  // the connection is still there).
-  void Serve(const zelvar::ZMessage& request, uint64_t connA, uint64_t connB);
+  // the connection is still there); `peerAtArrival` stands in for a closed one.
+  void Serve(const zelvar::ZMessage& request, uint64_t connA, uint64_t connB, PeerIdentity peerAtArrival);
   // The host's tick: housekeeping, and a machine to start or null.
   zelvar::StateMachine* OnRoutine();
   // Reads the jobs file again; keeps the current catalogue when it is bad.

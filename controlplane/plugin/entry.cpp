@@ -77,7 +77,8 @@ __attribute__((visibility("default"))) int OnDataIn(uint64_t connA, uint64_t con
     return kUndecodable;
   }
   *messageOut = message;
-  *machineOut = new controlplane::ServeRequestMachine(connA, connB);
+  *machineOut = new controlplane::ServeRequestMachine(connA, connB,
+                                                      ControlPlanePlugin::Instance()->PeerOf(connA, connB));
   return kRouted;
 }
 

@@ -5,7 +5,9 @@
 #define OVITA2_CONTROLPLANE_SERVE_REQUEST_MACHINE_H
 
 #include <cstdint>
+#include <utility>
 
+#include "services/control_plane_services.h"
 #include "zelvar/state_machine.h"
 
 namespace controlplane {
@@ -14,7 +16,10 @@ class ServeRequestMachine : public zelvar::StateMachine {
  public:
   static constexpr unsigned kType = 9100001;
 
-  ServeRequestMachine(uint64_t connA, uint64_t connB) : m_uConnA(connA), m_uConnB(connB) {}
+  // `peerAtArrival` is who was known to send the request when it arrived; it
+  // stands in when the connection closes before the request is served.
+  ServeRequestMachine(uint64_t connA, uint64_t connB, PeerIdentity peerAtArrival)
+      : m_uConnA(connA), m_uConnB(connB), m_sPeerAtArrival(std::move(peerAtArrival)) {}
 
   unsigned StateMachineType() override { return kType; }
   const char* MachineName() override { return "ServeRequestMachine"; }
@@ -23,6 +28,7 @@ class ServeRequestMachine : public zelvar::StateMachine {
  private:
   uint64_t m_uConnA;
   uint64_t m_uConnB;
+  PeerIdentity m_sPeerAtArrival;
 };
 
 }  // namespace controlplane

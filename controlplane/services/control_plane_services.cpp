@@ -80,7 +80,8 @@ std::string ControlPlaneServices::AgentLabel(const PeerIdentity& peer) const {
   if (!peer.node_path.empty() && byNode != m_mapAgentOfNode.end()) return byNode->second;
   auto byAddress = m_mapAgentOfAddress.find(peer.ip);
   if (byAddress != m_mapAgentOfAddress.end()) return byAddress->second;
-  return !peer.node_path.empty() ? peer.node_path : peer.ip;
+  if (!peer.node_path.empty()) return peer.node_path;
+  return !peer.ip.empty() ? peer.ip : "(unknown)";
 }
 
 void ControlPlaneServices::AnswerTaskQueue(const zelvar::ZMessage& request, PeerIdentity* peer, int64_t now,

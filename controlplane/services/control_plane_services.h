@@ -11,7 +11,7 @@
 // so each request is credited to the first known of: the agent name said on
 // this connection (68000, 68010, 66015), the agent last named from the node
 // path said on this connection (67000, 66000), the agent last named from this
-// IP address, the node path, the IP address. What was learned is kept across
+// IP address, the node path, the IP address, "(unknown)". What was learned is kept across
 // connections and, through the agents table, across restarts.
 #ifndef OVITA2_CONTROLPLANE_CONTROL_PLANE_SERVICES_H
 #define OVITA2_CONTROLPLANE_CONTROL_PLANE_SERVICES_H
