@@ -84,8 +84,10 @@ highprecision_frequency = 10
 EOF
 
 children=()
+stopping=
 stop() {
-  trap - INT TERM
+  [[ -n $stopping ]] && return
+  stopping=1
   echo
   say "stopping"
   for pid in "${children[@]}"; do kill -TERM "$pid" 2>/dev/null || true; done
@@ -109,7 +111,8 @@ narrate() {
     /my task queue:/                { sub(/.*my task queue: /, "");
                                       show("agent: task queue found: " $0);
                                       show("agent: its job list is fetched at its next job-update run, about 2.5 minutes after start; waiting") }
-    /controlplane: gave agent/      { sub(/.*controlplane: gave agent /, ""); show("control plane: job list sent to agent " $0 "; first samples within 20 s") }
+    /controlplane: gave agent/      { sub(/.*controlplane: gave agent /, ""); sub(/ its /, " (");
+                                      show("control plane: job list sent to agent " $0 "); first samples within 20 s") }
     /controlplane: heartbeat of/    { sub(/.*controlplane: heartbeat of /, "");
                                       print strftime("%H:%M:%S") "  control plane: heartbeat from " $0; fflush() }
     /long action stderr:/           { sub(/.*long action stderr: /, ""); show("agent: a job failed: " $0) }
@@ -150,6 +153,9 @@ children+=($!)
 children+=($!)
 say "samples appear below as they are stored; Ctrl-C stops everything"
 say "(another terminal: $bin/ovita2ctl samples --db $database)"
-wait -n "${children[1]}" "${children[2]}" || true
-say "a host stopped by itself; see $run_dir/*.log"
+# Ctrl-C reaches both hosts too, and they stop with status 0; a host that
+# fails on its own says why in its log.
+status=0
+wait -n "${children[1]}" "${children[2]}" || status=$?
+[[ $status -eq 0 ]] || say "a host stopped with status $status; see $run_dir/*.log"
 stop

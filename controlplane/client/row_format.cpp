@@ -134,7 +134,9 @@ void TableWriter::Print(const std::vector<std::vector<std::string>>& rows, std::
       m_vecWidths[i] = std::max(m_vecWidths[i], DisplayWidth(cells[i]));
     }
   }
-  if (!m_bHeaderPrinted) {
+  // The header comes with the first rows: a follow that starts with none
+  // would otherwise leave it far above the rows it names.
+  if (!m_bHeaderPrinted && !rows.empty()) {
     PrintRow(m_vecHeaders, out);
     m_bHeaderPrinted = true;
   }

@@ -43,10 +43,14 @@ bool ControlPlaneServices::Handle(const zelvar::ZMessage& request, PeerIdentity*
   zelvar::Body* body = reply->mutable_body();
   switch (type) {
     case ov::GET_TASK_QUEUE_REQUEST:
-      AnswerTaskQueue(request, peer, now, body);
+      // The master names this endpoint as the agent's task queue, and the
+      // statistics access service names it as its aggregation endpoint.
+      AnswerWithThisEndpoint(request, peer, now, body, ov::get_task_queue_request, ov::get_task_queue_response,
+                             "get_task_queue_request");
       break;
     case ov::GET_AGGREGATION_REQUEST:
-      AnswerAggregation(request, peer, now, body);
+      AnswerWithThisEndpoint(request, peer, now, body, ov::get_aggregation_request, ov::get_aggregation_response,
+                             "get_aggregation_request");
       break;
     case ov::GET_JOB_REQUEST:
       AnswerJobs(request, peer, now, body);
@@ -84,34 +88,21 @@ std::string ControlPlaneServices::AgentLabel(const PeerIdentity& peer) const {
   return !peer.ip.empty() ? peer.ip : "(unknown)";
 }
 
-void ControlPlaneServices::AnswerTaskQueue(const zelvar::ZMessage& request, PeerIdentity* peer, int64_t now,
-                                           zelvar::Body* reply) {
-  auto* answer = reply->MutableExtension(ov::get_task_queue_response);
-  if (!CarriesBody(request, ov::get_task_queue_request)) {
-    FailMissingBody(request, "get_task_queue_request", answer->mutable_rc());
+template <typename RequestExtension, typename ResponseExtension>
+void ControlPlaneServices::AnswerWithThisEndpoint(const zelvar::ZMessage& request, PeerIdentity* peer, int64_t now,
+                                                  zelvar::Body* reply, const RequestExtension& asked,
+                                                  const ResponseExtension& answered, const char* requestName) {
+  auto* answer = reply->MutableExtension(answered);
+  if (!CarriesBody(request, asked)) {
+    FailMissingBody(request, requestName, answer->mutable_rc());
     return;
   }
-  LearnNodePath(peer, request.body().GetExtension(ov::get_task_queue_request).node_path(), now);
+  LearnNodePath(peer, request.body().GetExtension(asked).node_path(), now);
   Succeed(answer->mutable_rc());
   answer->set_name(m_sSelf.name);
   answer->set_ip(m_sSelf.ip);
   answer->set_port(m_sSelf.port);
-  Log(2, "task queue of " + AgentLabel(*peer) + ": " + m_sSelf.name);
-}
-
-void ControlPlaneServices::AnswerAggregation(const zelvar::ZMessage& request, PeerIdentity* peer, int64_t now,
-                                             zelvar::Body* reply) {
-  auto* answer = reply->MutableExtension(ov::get_aggregation_response);
-  if (!CarriesBody(request, ov::get_aggregation_request)) {
-    FailMissingBody(request, "get_aggregation_request", answer->mutable_rc());
-    return;
-  }
-  LearnNodePath(peer, request.body().GetExtension(ov::get_aggregation_request).node_path(), now);
-  Succeed(answer->mutable_rc());
-  answer->set_name(m_sSelf.name);
-  answer->set_ip(m_sSelf.ip);
-  answer->set_port(m_sSelf.port);
-  Log(2, "aggregation endpoint of " + AgentLabel(*peer) + ": " + m_sSelf.name);
+  Log(2, std::string(requestName) + " of " + AgentLabel(*peer) + " answered");
 }
 
 void ControlPlaneServices::AnswerJobs(const zelvar::ZMessage& request, PeerIdentity* peer, int64_t now,

@@ -70,8 +70,10 @@ class ControlPlaneServices {
   std::string AgentLabel(const PeerIdentity& peer) const;
 
  private:
-  void AnswerTaskQueue(const zelvar::ZMessage& request, PeerIdentity* peer, int64_t now, zelvar::Body* reply);
-  void AnswerAggregation(const zelvar::ZMessage& request, PeerIdentity* peer, int64_t now, zelvar::Body* reply);
+  template <typename RequestExtension, typename ResponseExtension>
+  void AnswerWithThisEndpoint(const zelvar::ZMessage& request, PeerIdentity* peer, int64_t now, zelvar::Body* reply,
+                              const RequestExtension& asked, const ResponseExtension& answered,
+                              const char* requestName);
   void AnswerJobs(const zelvar::ZMessage& request, PeerIdentity* peer, int64_t now, zelvar::Body* reply);
   void AnswerConfs(const zelvar::ZMessage& request, PeerIdentity* peer, int64_t now, zelvar::Body* reply);
   void StoreStats(const zelvar::ZMessage& request, PeerIdentity* peer, int64_t now, zelvar::Body* reply);

@@ -2,13 +2,11 @@
 // without a host: each test builds envelopes as an agent would send them.
 #include <gtest/gtest.h>
 
-#include <stdlib.h>
-#include <unistd.h>
-
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "scratch_dir.h"
 #include "services/control_plane_services.h"
 #include "zelvar/message_util.h"
 #include "zelvar/ovita2.pb.h"
@@ -40,27 +38,11 @@ agents:
         - {target: "error|fail"}
 )";
 
-class Database {
- public:
-  Database() {
-    char pattern[] = "/tmp/ovita2-services-XXXXXX";
-    m_strDir = mkdtemp(pattern);
-  }
-  ~Database() {
-    std::string command = "rm -rf '" + m_strDir + "'";
-    (void)!system(command.c_str());
-  }
-  std::string Path() const { return m_strDir + "/cp.db"; }
-
- private:
-  std::string m_strDir;
-};
-
 class ControlPlaneServicesTest : public ::testing::Test {
  protected:
   void SetUp() override {
     std::string error;
-    ASSERT_TRUE(store.Open(db.Path(), &error)) << error;
+    ASSERT_TRUE(store.Open(dir.File("cp.db"), &error)) << error;
     auto catalogue = std::make_shared<JobCatalogue>();
     ASSERT_TRUE(JobCatalogue::Parse(kJobs, "jobs.yaml", catalogue.get(), &error)) << error;
     services = std::make_unique<ControlPlaneServices>(Endpoint{"cp-1", "192.0.2.7", 7100}, &store,
@@ -126,7 +108,7 @@ class ControlPlaneServicesTest : public ::testing::Test {
     return store.RecentSamples(all, &error);
   }
 
-  Database db;
+  ScratchDir dir;
   SampleStore store;
   std::vector<std::string> logged;
   std::unique_ptr<ControlPlaneServices> services;

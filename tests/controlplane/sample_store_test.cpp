@@ -12,21 +12,10 @@
 #include <string>
 #include <vector>
 
+#include "scratch_dir.h"
+
 namespace controlplane {
 namespace {
-
-class ScratchDir {
- public:
-  ScratchDir() {
-    char pattern[] = "/tmp/sample_store_test.XXXXXX";
-    m_strPath = mkdtemp(pattern);
-  }
-  ~ScratchDir() { std::filesystem::remove_all(m_strPath); }
-  std::string File(const std::string& name) const { return m_strPath + "/" + name; }
-
- private:
-  std::string m_strPath;
-};
 
 SampleRow Numeric(const std::string& agent, std::optional<uint32_t> objectId, const std::string& name,
                   int64_t tenths, int64_t receivedAt = 1000) {
