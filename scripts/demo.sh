@@ -27,7 +27,7 @@ scripts/setup.sh
 cmake -S . -B "$build_dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
   -DBUILD_TESTING=OFF -DOVITA2_BENCHMARKS=OFF >/dev/null
 cmake --build "$build_dir" -j "$(nproc)" \
-  --target zelvar-host registry_embedded ovita2_agent ovita2_controlplane ovita2ctl | grep -v '^\[' || true
+  --target zelvar-host registry_embedded ovita2_agent ovita2_controlplane ovita2ctl
 
 bin=$root/$build_dir/bin
 lib=$root/$build_dir/lib
