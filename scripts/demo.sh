@@ -101,7 +101,8 @@ trap stop INT TERM
 # this script (--pid), whichever way it stops.
 narrate() {
   tail -n +1 -F --pid=$$ "$run_dir/controlplane.log" "$run_dir/agent.log" 2>/dev/null | awk '
-    function show(text) { if (!(text in seen)) { seen[text] = 1; print strftime("%H:%M:%S") "  " text; fflush() } }
+    function show(text) { if (!(text in seen)) { seen[text] = 1; print time "  " text; fflush() } }
+    { time = substr($2, 1, 8) }     # the time the log line carries
     /controlplane: serving as/      { sub(/.*controlplane: /, ""); show("control plane: " $0) }
     /controlplane: registered/      { sub(/.*controlplane: /, ""); show("control plane: " $0 " in its registry") }
     /Registe myself node:/          { sub(/.*node: /, ""); show("agent: registering itself as " $0) }
@@ -114,7 +115,7 @@ narrate() {
     /controlplane: gave agent/      { sub(/.*controlplane: gave agent /, ""); sub(/ its /, " (");
                                       show("control plane: job list sent to agent " $0 "); first samples within 20 s") }
     /controlplane: heartbeat of/    { sub(/.*controlplane: heartbeat of /, "");
-                                      print strftime("%H:%M:%S") "  control plane: heartbeat from " $0; fflush() }
+                                      print time "  control plane: heartbeat from " $0; fflush() }
     /long action stderr:/           { sub(/.*long action stderr: /, ""); show("agent: a job failed: " $0) }
     / ERROR controlplane:/          { sub(/.* ERROR controlplane: /, ""); show("control plane error: " $0) }
   '
