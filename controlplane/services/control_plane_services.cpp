@@ -173,15 +173,7 @@ void ControlPlaneServices::StoreStats(const zelvar::ZMessage& request, PeerIdent
     row.value = stats.value();
     rows.push_back(std::move(row));
   }
-  std::string error;
-  if (!m_pStore->AddSamples(rows, &error)) {
-    answer->mutable_rc()->set_code(kCodeStoreFailed);
-    answer->mutable_rc()->set_msg(error);
-    Log(4, std::to_string(rows.size()) + " samples of " + agent + " lost: " + error);
-    return;
-  }
-  Succeed(answer->mutable_rc());
-  Log(2, "stored " + std::to_string(rows.size()) + " numeric samples of " + agent);
+  StoreAndAnswer(rows, agent, "numeric samples", answer->mutable_rc());
 }
 
 void ControlPlaneServices::StoreStringStats(const zelvar::ZMessage& request, PeerIdentity* peer, int64_t now,
@@ -208,15 +200,20 @@ void ControlPlaneServices::StoreStringStats(const zelvar::ZMessage& request, Pee
     row.sample_time = stats.time();
     rows.push_back(std::move(row));
   }
+  StoreAndAnswer(rows, agent, "text samples", answer->mutable_rc());
+}
+
+void ControlPlaneServices::StoreAndAnswer(const std::vector<SampleRow>& rows, const std::string& agent,
+                                          const char* what, zelvar::ResponseCode* rc) {
   std::string error;
   if (!m_pStore->AddSamples(rows, &error)) {
-    answer->mutable_rc()->set_code(kCodeStoreFailed);
-    answer->mutable_rc()->set_msg(error);
-    Log(4, std::to_string(rows.size()) + " text samples of " + agent + " lost: " + error);
+    rc->set_code(kCodeStoreFailed);
+    rc->set_msg(error);
+    Log(4, std::to_string(rows.size()) + " " + what + " of " + agent + " lost: " + error);
     return;
   }
-  Succeed(answer->mutable_rc());
-  Log(2, "stored " + std::to_string(rows.size()) + " text samples of " + agent);
+  Succeed(rc);
+  Log(2, "stored " + std::to_string(rows.size()) + " " + what + " of " + agent);
 }
 
 void ControlPlaneServices::StoreHeartbeat(const zelvar::ZMessage& request, PeerIdentity* peer, int64_t now) {

@@ -21,6 +21,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "catalogue/job_catalogue.h"
 #include "store/sample_store.h"
@@ -78,6 +79,9 @@ class ControlPlaneServices {
   void AnswerConfs(const zelvar::ZMessage& request, PeerIdentity* peer, int64_t now, zelvar::Body* reply);
   void StoreStats(const zelvar::ZMessage& request, PeerIdentity* peer, int64_t now, zelvar::Body* reply);
   void StoreStringStats(const zelvar::ZMessage& request, PeerIdentity* peer, int64_t now, zelvar::Body* reply);
+  // Stores one request's samples in one transaction and sets the reply's result.
+  void StoreAndAnswer(const std::vector<SampleRow>& rows, const std::string& agent, const char* what,
+                      zelvar::ResponseCode* rc);
   void StoreHeartbeat(const zelvar::ZMessage& request, PeerIdentity* peer, int64_t now);
   void StoreRealTimeLine(const zelvar::ZMessage& request, PeerIdentity* peer, int64_t now);
 

@@ -321,7 +321,7 @@ TEST_F(ControlPlaneServicesTest, SamplesThatCannotBeStoredAreAnsweredWithTheStor
   EXPECT_EQ(rc.code(), kCodeStoreFailed);
   EXPECT_FALSE(rc.msg().empty());
   ASSERT_FALSE(logged.empty());
-  EXPECT_NE(logged.back().find("4 1 samples of web-01 lost"), std::string::npos) << logged.back();
+  EXPECT_NE(logged.back().find("4 1 numeric samples of web-01 lost"), std::string::npos) << logged.back();
 }
 
 }  // namespace
