@@ -1,6 +1,5 @@
 #include "entry/so_entry.h"
 
-#include <arpa/inet.h>
 #include <event2/buffer.h>
 #include <event2/bufferevent.h>
 
@@ -10,6 +9,7 @@
 #include "framework/evbuffer_zero_copy_stream.h"
 #include "framework/host_api.h"
 #include "framework/routine_util.h"
+#include "zelvar/frame.h"
 #include "zelvar/machine_pool.h"
 #include "zelvar/message_util.h"
 
@@ -91,12 +91,12 @@ int OnDataIn(uint64_t connA, uint64_t connB, zelvar::ZMessage** messageOut, zelv
   if (bev == nullptr) return kDataInError;
   evbuffer* input = bufferevent_get_input(bev);
   size_t buffered = evbuffer_get_length(input);
-  if (buffered < sizeof(uint32_t)) return kDataInNeedMore;
-  uint32_t prefix = 0;
-  if (evbuffer_copyout(input, &prefix, sizeof(prefix)) != static_cast<ev_ssize_t>(sizeof(prefix))) {
+  unsigned char prefix[zelvar::kFramePrefixSize];
+  if (buffered < sizeof(prefix)) return kDataInNeedMore;
+  if (evbuffer_copyout(input, prefix, sizeof(prefix)) != static_cast<ev_ssize_t>(sizeof(prefix))) {
     return kDataInError;
   }
-  uint64_t frameLength = static_cast<uint64_t>(ntohl(prefix)) + sizeof(prefix);
+  uint64_t frameLength = uint64_t{zelvar::FrameBodyLength(prefix)} + sizeof(prefix);
   if (frameLength > buffered) return kDataInNeedMore;
 
   evbufferZeroCopyInputStream stream(bev);

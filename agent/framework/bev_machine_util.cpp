@@ -12,6 +12,7 @@
 #include "framework/evbuffer_zero_copy_stream.h"
 #include "framework/host_api.h"
 #include "zelvar/dorvan.pb.h"
+#include "zelvar/frame.h"
 #include "zelvar/machine_pool.h"
 #include "zelvar/message_util.h"
 #include "zelvar/my_uuid.h"
@@ -55,9 +56,10 @@ int BEVMachineUtil::SendMessageToBEV(const zelvar::ZMessage& msg, bufferevent* b
   evbufferZeroCopyOutputStream stream;
   msg.SerializeToZeroCopyStream(&stream);
   evbuffer* serialised = stream.Buffer();
-  uint32_t prefix = htonl(static_cast<uint32_t>(evbuffer_get_length(serialised)));
+  unsigned char prefix[zelvar::kFramePrefixSize];
+  zelvar::PutFramePrefix(static_cast<uint32_t>(evbuffer_get_length(serialised)), prefix);
   evbuffer* output = bufferevent_get_output(bev);
-  evbuffer_add(output, &prefix, sizeof(prefix));
+  evbuffer_add(output, prefix, sizeof(prefix));
   evbuffer_add_buffer(output, serialised);
   return 0;
 }

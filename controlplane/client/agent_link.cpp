@@ -12,6 +12,7 @@
 #include <cstring>
 #include <sstream>
 
+#include "zelvar/frame.h"
 #include "zelvar/message_util.h"
 #include "zelvar/my_uuid.h"
 #include "zelvar/ovita2.pb.h"
@@ -21,7 +22,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr size_t kFrameHeaderSize = 4;
 // Far above any answer to a switch request; a larger length means the peer is
 // not speaking this protocol, and the client should not try to allocate it.
 constexpr uint32_t kLargestAnswer = 16u << 20;
@@ -169,13 +169,13 @@ bool ReceiveFailure(Received result, int errorNumber, const std::string& address
 
 bool ReceiveFrame(int fd, const std::string& address, Clock::time_point deadline, std::chrono::milliseconds timeout,
                   zelvar::ZMessage* answer, std::string* error) {
-  unsigned char header[kFrameHeaderSize];
+  unsigned char header[zelvar::kFramePrefixSize];
   int errorNumber = 0;
   Received result = ReceiveExactly(fd, reinterpret_cast<char*>(header), sizeof(header), deadline, &errorNumber);
   if (result != Received::kAll) {
     return ReceiveFailure(result, errorNumber, address, "closed the connection without answering", timeout, error);
   }
-  uint32_t size = (uint32_t{header[0]} << 24) | (uint32_t{header[1]} << 16) | (uint32_t{header[2]} << 8) | header[3];
+  uint32_t size = zelvar::FrameBodyLength(header);
   if (size > kLargestAnswer) {
     return SetError(error, address + " sent a frame of " + std::to_string(size) +
                                " bytes, too large for an answer (is it an agent?)");
@@ -188,14 +188,6 @@ bool ReceiveFrame(int fd, const std::string& address, Clock::time_point deadline
   }
   if (!answer->ParseFromString(body)) return SetError(error, address + " sent an answer that cannot be decoded");
   return true;
-}
-
-std::string EncodeFrame(const zelvar::ZMessage& message) {
-  std::string body = message.SerializeAsString();
-  const auto size = static_cast<uint32_t>(body.size());
-  std::string frame{static_cast<char>(size >> 24), static_cast<char>(size >> 16), static_cast<char>(size >> 8),
-                    static_cast<char>(size)};
-  return frame + body;
 }
 
 }  // namespace
@@ -244,7 +236,7 @@ bool ExchangeWithAgent(const std::string& address, const zelvar::ZMessage& reque
   Socket socket(::socket(target.ss_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
   if (socket.Fd() < 0) return SetError(error, address + ": cannot connect: " + std::strerror(errno));
   return Connect(socket.Fd(), target, length, address, deadline, error) &&
-         SendAll(socket.Fd(), EncodeFrame(request), address, deadline, error) &&
+         SendAll(socket.Fd(), zelvar::EncodeFrame(request), address, deadline, error) &&
          ReceiveFrame(socket.Fd(), address, deadline, timeout, answer, error);
 }
 

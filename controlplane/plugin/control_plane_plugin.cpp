@@ -11,6 +11,7 @@
 
 #include "plugin/host_access.h"
 #include "plugin/register_endpoints_machine.h"
+#include "zelvar/frame.h"
 #include "zelvar/kadri.pb.h"
 
 namespace controlplane {
@@ -151,11 +152,8 @@ void ControlPlanePlugin::WriteReply(const zelvar::ZMessage& reply, uint64_t conn
     HostLog(2, "reply " + std::to_string(reply.head().message_type()) + " dropped: its connection is closed");
     return;
   }
-  std::string bytes = reply.SerializeAsString();
-  uint32_t length = htonl(static_cast<uint32_t>(bytes.size()));
-  evbuffer* output = bufferevent_get_output(bev);
-  evbuffer_add(output, &length, sizeof length);
-  evbuffer_add(output, bytes.data(), bytes.size());
+  std::string frame = zelvar::EncodeFrame(reply);
+  evbuffer_add(bufferevent_get_output(bev), frame.data(), frame.size());
 }
 
 zelvar::StateMachine* ControlPlanePlugin::OnRoutine() {

@@ -1,7 +1,6 @@
 // The entry points zelvar-host calls. Frames are 4-byte big-endian lengths
 // followed by a serialised envelope; each complete frame becomes one
 // ServeRequestMachine.
-#include <arpa/inet.h>
 #include <event2/buffer.h>
 #include <event2/bufferevent.h>
 
@@ -11,6 +10,7 @@
 #include "plugin/control_plane_plugin.h"
 #include "plugin/host_access.h"
 #include "plugin/serve_request_machine.h"
+#include "zelvar/frame.h"
 #include "zelvar/message.pb.h"
 
 using controlplane::ControlPlanePlugin;
@@ -59,10 +59,10 @@ __attribute__((visibility("default"))) int OnDataIn(uint64_t connA, uint64_t con
   if (bev == nullptr || ControlPlanePlugin::Instance() == nullptr) return kUndecodable;
   evbuffer* input = bufferevent_get_input(bev);
   size_t buffered = evbuffer_get_length(input);
-  uint32_t prefix = 0;
+  unsigned char prefix[zelvar::kFramePrefixSize];
   if (buffered < sizeof prefix) return kNeedMore;
-  evbuffer_copyout(input, &prefix, sizeof prefix);
-  uint64_t frameLength = uint64_t{ntohl(prefix)} + sizeof prefix;
+  evbuffer_copyout(input, prefix, sizeof prefix);
+  uint64_t frameLength = uint64_t{zelvar::FrameBodyLength(prefix)} + sizeof prefix;
   if (frameLength > INT_MAX) return kUndecodable;
   if (frameLength > buffered) return kNeedMore;
 

@@ -6,23 +6,18 @@
 #include <cstdint>
 #include <string>
 
+#include "zelvar/frame.h"
 #include "zelvar/message.pb.h"
 
 namespace probe {
 
 inline std::string LengthPrefix(uint32_t length) {
-  std::string prefix(4, '\0');
-  prefix[0] = static_cast<char>(length >> 24);
-  prefix[1] = static_cast<char>(length >> 16);
-  prefix[2] = static_cast<char>(length >> 8);
-  prefix[3] = static_cast<char>(length);
+  std::string prefix(zelvar::kFramePrefixSize, '\0');
+  zelvar::PutFramePrefix(length, reinterpret_cast<unsigned char*>(&prefix[0]));
   return prefix;
 }
 
-inline std::string EncodeFrame(const zelvar::ZMessage& message) {
-  std::string body = message.SerializeAsString();
-  return LengthPrefix(static_cast<uint32_t>(body.size())) + body;
-}
+using zelvar::EncodeFrame;
 
 inline zelvar::ZMessage MakeMessage(unsigned type, unsigned kind, const std::string& session,
                                     unsigned dst = 0, unsigned src = 0) {

@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "zelvar/frame.h"
 #include "zelvar/message_util.h"
 #include "zelvar/tellar2.pb.h"
 
@@ -14,17 +15,6 @@ namespace integration {
 namespace {
 
 constexpr const char* kLoopback = "127.0.0.1";
-
-uint32_t ReadLength(const std::string& bytes) {
-  const auto* p = reinterpret_cast<const unsigned char*>(bytes.data());
-  return (uint32_t{p[0]} << 24) | (uint32_t{p[1]} << 16) | (uint32_t{p[2]} << 8) | p[3];
-}
-
-std::string Frame(const zelvar::ZMessage& message) {
-  std::string body = message.SerializeAsString();
-  uint32_t length = htonl(static_cast<uint32_t>(body.size()));
-  return std::string(reinterpret_cast<const char*>(&length), 4) + body;
-}
 
 }  // namespace
 
@@ -132,14 +122,14 @@ void FakeServices::Serve() {
       }
       std::string& input = inputs[fd];
       input.append(chunk, static_cast<size_t>(n));
-      while (input.size() >= 4 && input.size() >= 4 + ReadLength(input)) {
-        uint32_t length = ReadLength(input);
+      while (input.size() >= 4 && input.size() >= 4 + zelvar::FrameBodyLength(reinterpret_cast<const unsigned char*>(input.data()))) {
+        uint32_t length = zelvar::FrameBodyLength(reinterpret_cast<const unsigned char*>(input.data()));
         zelvar::ZMessage request;
         request.ParseFromArray(input.data() + 4, static_cast<int>(length));
         input.erase(0, 4 + length);
         zelvar::ZMessage reply;
         if (!Answer(request, &reply)) continue;
-        std::string bytes = Frame(reply);
+        std::string bytes = zelvar::EncodeFrame(reply);
         (void)!write(fd, bytes.data(), bytes.size());
       }
     }
