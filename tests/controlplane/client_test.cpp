@@ -20,7 +20,7 @@
 #include <thread>
 #include <vector>
 
-#include "scratch_dir.h"
+#include "store_test_support.h"
 #include "store/sample_store.h"
 #include "zelvar/message_util.h"
 #include "zelvar/ovita2.pb.h"
@@ -68,26 +68,11 @@ class FlushHook : public std::stringbuf {
 };
 
 SampleRow Numeric(const std::string& agent, uint32_t objectId, const std::string& name, int64_t tenths) {
-  SampleRow row;
-  row.agent = agent;
-  row.object_id = objectId;
-  row.name = name;
-  row.stat_item = 1001;
-  row.value = tenths;
-  row.received_at = kNoon;
-  return row;
+  return NumericRow(agent, objectId, name, tenths, kNoon);
 }
 
 SampleRow Text(const std::string& agent, const std::string& name, const std::string& text) {
-  SampleRow row;
-  row.text = true;
-  row.agent = agent;
-  row.name = name;
-  row.job_id = 3;
-  row.text_value = text;
-  row.sample_time = kNoon - 1;
-  row.received_at = kNoon;
-  return row;
+  return TextRow(agent, std::nullopt, name, text, kNoon);
 }
 
 std::vector<nlohmann::json> JsonLines(const std::string& text) {

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "scratch_dir.h"
+#include "store_test_support.h"
 #include "services/control_plane_services.h"
 #include "zelvar/message_util.h"
 #include "zelvar/ovita2.pb.h"

@@ -12,35 +12,19 @@
 #include <string>
 #include <vector>
 
-#include "scratch_dir.h"
+#include "store_test_support.h"
 
 namespace controlplane {
 namespace {
 
 SampleRow Numeric(const std::string& agent, std::optional<uint32_t> objectId, const std::string& name,
                   int64_t tenths, int64_t receivedAt = 1000) {
-  SampleRow row;
-  row.agent = agent;
-  row.object_id = objectId;
-  row.name = name;
-  row.stat_item = 1001;
-  row.value = tenths;
-  row.received_at = receivedAt;
-  return row;
+  return NumericRow(agent, objectId, name, tenths, receivedAt);
 }
 
 SampleRow Text(const std::string& agent, std::optional<uint32_t> objectId, const std::string& name,
                const std::string& text) {
-  SampleRow row;
-  row.text = true;
-  row.agent = agent;
-  row.object_id = objectId;
-  row.name = name;
-  row.job_id = 12;
-  row.text_value = text;
-  row.sample_time = 1700000000;
-  row.received_at = 1000;
-  return row;
+  return TextRow(agent, objectId, name, text, 1000);
 }
 
 std::vector<int64_t> Ids(const std::vector<SampleRow>& rows) {
@@ -108,8 +92,8 @@ TEST(SampleStore, SamplesComeBackAsTheyWereStored) {
   EXPECT_TRUE(rows[1].text);
   EXPECT_EQ(rows[1].object_id, std::nullopt);
   EXPECT_EQ(rows[1].text_value, output) << "a text sample keeps every byte, a NUL included";
-  EXPECT_EQ(rows[1].job_id, 12u);
-  EXPECT_EQ(rows[1].sample_time, 1700000000u);
+  EXPECT_EQ(rows[1].job_id, 3u);
+  EXPECT_EQ(rows[1].sample_time, 999u);
 }
 
 TEST(SampleStore, FiltersCombineAndARowOfUnknownObjectNeverMatchesAGivenObject) {
