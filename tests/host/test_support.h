@@ -1,6 +1,4 @@
-// Helpers of the host's tests: a scratch folder, an in-process host running the
-// probe plug-in, loopback sockets, and process bookkeeping (descriptors,
-// zombies).
+// Helpers of the host's tests: an in-process host running the probe plug-in.
 #ifndef OVITA2_TESTS_HOST_TEST_SUPPORT_H
 #define OVITA2_TESTS_HOST_TEST_SUPPORT_H
 
@@ -8,23 +6,19 @@
 #include <string>
 
 #include "host.h"
+#include "local_system.h"
 #include "probe_control.h"
 
 namespace host_test {
 
-// A folder under /tmp removed with everything in it.
-class TempDir {
- public:
-  TempDir();
-  ~TempDir();
-  const std::string& Path() const { return m_strPath; }
-  std::string Write(const std::string& name, const std::string& text) const;
-
- private:
-  std::string m_strPath;
-};
-
-std::string ReadFile(const std::string& path);
+using ovita2::testing::ConnectLoopback;
+using ovita2::testing::CountOpenDescriptors;
+using ovita2::testing::CountZombieChildren;
+using ovita2::testing::ListenLoopback;
+using ovita2::testing::ReadAvailable;
+using ovita2::testing::ReadFile;
+using ovita2::testing::SendAll;
+using ovita2::testing::TempDir;
 
 // A zelvar-host loop in this process with the probe loaded as "probe", logging
 // at level 1 to a file in its folder.
@@ -54,18 +48,6 @@ class ProbeHost {
   bool m_bOk = false;
   std::string m_strError;
 };
-
-// A blocking loopback client connected to `port`; -1 on failure.
-int ConnectLoopback(int port);
-// A listening loopback socket on a free port; its port in `*port`.
-int ListenLoopback(int* port);
-bool SendAll(int fd, const std::string& bytes);
-// Appends what can be read now without blocking; false once the peer closed.
-bool ReadAvailable(int fd, std::string* sink);
-
-int CountOpenDescriptors();
-// Children of this process that exited and were not reaped.
-int CountZombieChildren();
 
 }  // namespace host_test
 

@@ -125,11 +125,7 @@ void TestHost::ListConfigKeys(const char* section, const char* regex, std::vecto
 event_base* TestHost::GetEventBase() { return g_current != nullptr ? g_current->m_pBase : nullptr; }
 
 int TestHost::DeliverToMachine(unsigned machineId, void* record, void (*drop)(void*)) {
-  MachineEvent event;
-  event.head.event_type = kEventPlugin;
-  event.data = record;
-  event.drop = drop;
-  int rc = g_current->m_pRuntime->PostById(machineId, event);
+  int rc = g_current->m_pRuntime->PostById(machineId, PluginEvent(record, drop));
   if (rc != 0) ++g_current->answers_to_gone_machines;
   return rc;
 }

@@ -24,8 +24,6 @@ zelvar::HostFunction AsSlot(Fn fn) {
 
 void Unused() {}
 
-void DeleteLongActionResult(void* result) { delete static_cast<zelvar::LongActionResult*>(result); }
-
 }  // namespace
 
 // The table's functions. They reach the host through Current(), as a plain
@@ -280,21 +278,11 @@ StartedMachine TestHost::Start(zelvar::StateMachine* machine) {
 size_t TestHost::RunPending() { return m_pRuntime->RunPending(); }
 
 void TestHost::PostMessage(zelvar::StateMachine* machine, zelvar::ZMessage* message) {
-  zelvar::MachineEvent event;
-  event.head.event_type = zelvar::kEventMessage;
-  event.head.flow_no = message->head().flow_no();
-  event.head.src_machine_id = message->head().src_machine_id();
-  event.data = message;
-  event.drop = &zelvar::MessagePool::ReleaseToInstance;
-  m_pRuntime->Post(machine, event);
+  m_pRuntime->Post(machine, zelvar::MessageEvent(message));
 }
 
 int TestHost::DeliverRecord(uint32_t machineId, void* record, void (*drop)(void*)) {
-  zelvar::MachineEvent event;
-  event.head.event_type = zelvar::kEventPlugin;
-  event.data = record;
-  event.drop = drop;
-  return m_pRuntime->PostById(machineId, event);
+  return m_pRuntime->PostById(machineId, zelvar::PluginEvent(record, drop));
 }
 
 TestPeer& TestHost::NewPeer(const std::string& ip, uint16_t port, bool outbound) {
@@ -351,13 +339,7 @@ void TestHost::CompleteLongAction(uint32_t flowNo, const std::string& output, co
     result->error = error;
     result->status = status;
     result->flow_no = flowNo;
-    zelvar::MachineEvent event;
-    event.head.event_type = zelvar::kEventLongAction;
-    event.head.flow_no = flowNo;
-    event.data = result;
-    event.drop = &DeleteLongActionResult;
-    event.after_dispatch = &DeleteLongActionResult;
-    m_pRuntime->PostById(it->machine_id, event);
+    m_pRuntime->PostById(it->machine_id, zelvar::LongActionEvent(result));
     return;
   }
   std::fprintf(stderr, "TestHost: no long action is waiting under flow %u\n", flowNo);

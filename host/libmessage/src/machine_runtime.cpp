@@ -1,6 +1,9 @@
 #include "zelvar/machine_runtime.h"
 
+#include "zelvar/long_action.h"
 #include "zelvar/machine_pool.h"
+#include "zelvar/message.pb.h"
+#include "zelvar/message_pool.h"
 #include "zelvar/string_util.h"
 
 namespace zelvar {
@@ -12,7 +15,48 @@ void DropPayload(const MachineEvent& event) {
   if (event.drop != nullptr && event.data != nullptr) event.drop(event.data);
 }
 
+void DeleteLongActionResult(void* record) { delete static_cast<LongActionResult*>(record); }
+void DeleteAioResult(void* record) { delete static_cast<AioResult*>(record); }
+
 }  // namespace
+
+MachineEvent MessageEvent(ZMessage* message) {
+  MachineEvent event;
+  event.head.event_type = kEventMessage;
+  event.head.flow_no = message->head().flow_no();
+  event.head.src_machine_id = message->head().src_machine_id();
+  event.data = message;
+  event.drop = &MessagePool::ReleaseToInstance;
+  return event;
+}
+
+MachineEvent LongActionEvent(LongActionResult* record) {
+  MachineEvent event;
+  event.head.event_type = kEventLongAction;
+  event.head.flow_no = record->flow_no;
+  event.data = record;
+  event.drop = &DeleteLongActionResult;
+  event.after_dispatch = &DeleteLongActionResult;
+  return event;
+}
+
+MachineEvent AioEvent(AioResult* record) {
+  MachineEvent event;
+  event.head.event_type = kEventAio;
+  event.head.flow_no = record->flow_no;
+  event.data = record;
+  event.drop = &DeleteAioResult;
+  event.after_dispatch = &DeleteAioResult;
+  return event;
+}
+
+MachineEvent PluginEvent(void* record, PayloadFn drop) {
+  MachineEvent event;
+  event.head.event_type = kEventPlugin;
+  event.data = record;
+  event.drop = drop;
+  return event;
+}
 
 MachineRuntime::MachineRuntime(const MachineClock* clock, unsigned defaultMachineTimeoutSec)
     : m_pClock(clock), m_uDefaultMachineTimeout(defaultMachineTimeoutSec) {}

@@ -29,8 +29,6 @@ timeval FromMicroseconds(int64_t microseconds) {
   return tv;
 }
 
-void DeleteLongActionResult(void* record) { delete static_cast<zelvar::LongActionResult*>(record); }
-void DeleteAioResult(void* record) { delete static_cast<zelvar::AioResult*>(record); }
 
 }  // namespace
 
@@ -88,22 +86,11 @@ bool Host::Init(const std::string& configPath, std::string* error) {
 
   m_pLongActions = std::make_unique<LongActionExecutor>(
       m_pBase, &m_sLogger, m_sSettings.long_action, [this](uint32_t machineId, zelvar::LongActionResult* record) {
-        zelvar::MachineEvent event;
-        event.head.event_type = zelvar::kEventLongAction;
-        event.head.flow_no = record->flow_no;
-        event.data = record;
-        event.drop = &DeleteLongActionResult;
-        event.after_dispatch = &DeleteLongActionResult;
-        m_pRuntime->PostById(machineId, event);
+        m_pRuntime->PostById(machineId, zelvar::LongActionEvent(record));
       });
   m_pAio = std::make_unique<AioService>(
       [this](uint32_t machineId, zelvar::StateMachine* machine, zelvar::AioResult* record) {
-        zelvar::MachineEvent event;
-        event.head.event_type = zelvar::kEventAio;
-        event.head.flow_no = record->flow_no;
-        event.data = record;
-        event.drop = &DeleteAioResult;
-        event.after_dispatch = &DeleteAioResult;
+        zelvar::MachineEvent event = zelvar::AioEvent(record);
         return machine != nullptr ? m_pRuntime->Post(machine, event) : m_pRuntime->PostById(machineId, event);
       });
   m_pConnections = std::make_unique<ConnectionManager>(
@@ -238,10 +225,7 @@ void Host::ArmDeadlineTimer() {
 }
 
 int Host::PostMessage(zelvar::ZMessage* message, zelvar::StateMachine* target, unsigned id) {
-  zelvar::MachineEvent event;
-  event.head.event_type = zelvar::kEventMessage;
-  event.data = message;
-  event.drop = &zelvar::MessagePool::ReleaseToInstance;
+  zelvar::MachineEvent event = zelvar::MessageEvent(message);
   if (!m_pRuntime) {
     zelvar::MessagePool::Instance()->Release(message);
     return -1;
@@ -250,10 +234,7 @@ int Host::PostMessage(zelvar::ZMessage* message, zelvar::StateMachine* target, u
 }
 
 int Host::DeliverRecord(unsigned machineId, void* record, void (*drop)(void*)) {
-  zelvar::MachineEvent event;
-  event.head.event_type = zelvar::kEventPlugin;
-  event.data = record;
-  event.drop = drop;
+  zelvar::MachineEvent event = zelvar::PluginEvent(record, drop);
   if (!m_pRuntime) {
     if (drop != nullptr && record != nullptr) drop(record);
     return -1;

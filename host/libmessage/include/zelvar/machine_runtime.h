@@ -46,6 +46,21 @@ struct MachineEvent {
   PayloadFn after_dispatch = nullptr;
 };
 
+struct LongActionResult;
+struct AioResult;
+class ZMessage;
+
+// The events a host delivers, each with its payload's ownership rule spelt
+// out once, so the host and its tests cannot disagree on it.
+// An envelope the handler takes over; the pool gets it back if undeliverable.
+MachineEvent MessageEvent(ZMessage* message);
+// Completion records stay the runtime's: freed after the handler returns.
+MachineEvent LongActionEvent(LongActionResult* record);
+MachineEvent AioEvent(AioResult* record);
+// A plug-in's record, handed over to the handler; `drop` frees it when it
+// cannot be delivered.
+MachineEvent PluginEvent(void* record, PayloadFn drop);
+
 class MachineRuntime {
  public:
   using LogFn = std::function<void(int level, const std::string& line)>;

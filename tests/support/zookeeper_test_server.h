@@ -10,8 +10,8 @@
 //
 // The class path can be changed with OVITA2_ZOOKEEPER_CLASSPATH and the Java
 // binary with OVITA2_JAVA. Test thread only.
-#ifndef OVITA2_TESTS_PLUGINS_ZOOKEEPER_TEST_SERVER_H
-#define OVITA2_TESTS_PLUGINS_ZOOKEEPER_TEST_SERVER_H
+#ifndef OVITA2_TESTS_SUPPORT_ZOOKEEPER_TEST_SERVER_H
+#define OVITA2_TESTS_SUPPORT_ZOOKEEPER_TEST_SERVER_H
 
 #include <sys/types.h>
 
@@ -50,4 +50,4 @@ class ZooKeeperTestServer {
 
 }  // namespace zelvar::registry::testing
 
-#endif  // OVITA2_TESTS_PLUGINS_ZOOKEEPER_TEST_SERVER_H
+#endif  // OVITA2_TESTS_SUPPORT_ZOOKEEPER_TEST_SERVER_H

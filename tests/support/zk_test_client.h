@@ -4,8 +4,8 @@
 // single-threaded client with poll().
 //
 // Owns its handle; Close() or the destructor ends its session. Test thread only.
-#ifndef OVITA2_TESTS_PLUGINS_ZK_TEST_CLIENT_H
-#define OVITA2_TESTS_PLUGINS_ZK_TEST_CLIENT_H
+#ifndef OVITA2_TESTS_SUPPORT_ZK_TEST_CLIENT_H
+#define OVITA2_TESTS_SUPPORT_ZK_TEST_CLIENT_H
 
 #include <zookeeper/zookeeper.h>
 
@@ -47,4 +47,4 @@ class ZkTestClient {
 
 }  // namespace zelvar::registry::testing
 
-#endif  // OVITA2_TESTS_PLUGINS_ZK_TEST_CLIENT_H
+#endif  // OVITA2_TESTS_SUPPORT_ZK_TEST_CLIENT_H

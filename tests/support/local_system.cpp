@@ -1,0 +1,135 @@
+#include "local_system.h"
+
+#include <arpa/inet.h>
+#include <dirent.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+
+namespace ovita2 {
+namespace testing {
+
+TempDir::TempDir() {
+  char pattern[] = "/tmp/ovita2-test-XXXXXX";
+  const char* made = mkdtemp(pattern);
+  m_strPath = made != nullptr ? made : "/tmp";
+}
+
+TempDir::~TempDir() {
+  std::string command = "rm -rf '" + m_strPath + "'";
+  if (m_strPath != "/tmp") {
+    int rc = std::system(command.c_str());
+    (void)rc;
+  }
+}
+
+std::string TempDir::Write(const std::string& name, const std::string& text) const {
+  std::string path = m_strPath + "/" + name;
+  std::ofstream(path, std::ios::binary) << text;
+  return path;
+}
+
+std::string ReadFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+int ConnectLoopback(int port) {
+  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<uint16_t>(port));
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+    close(fd);
+    return -1;
+  }
+  return fd;
+}
+
+int ListenLoopback(int* port) {
+  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  if (bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 || listen(fd, 16) != 0) {
+    close(fd);
+    return -1;
+  }
+  socklen_t length = sizeof address;
+  getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+  *port = ntohs(address.sin_port);
+  return fd;
+}
+
+int FreeLoopbackPort() {
+  int port = 0;
+  int fd = ListenLoopback(&port);
+  if (fd >= 0) close(fd);
+  return port;
+}
+
+bool SendAll(int fd, const std::string& bytes) {
+  size_t sent = 0;
+  while (sent < bytes.size()) {
+    ssize_t n = send(fd, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    sent += static_cast<size_t>(n);
+  }
+  return true;
+}
+
+bool ReadAvailable(int fd, std::string* sink) {
+  char buffer[65536];
+  for (;;) {
+    ssize_t n = recv(fd, buffer, sizeof buffer, MSG_DONTWAIT);
+    if (n > 0) {
+      sink->append(buffer, static_cast<size_t>(n));
+      continue;
+    }
+    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) return true;
+    return false;
+  }
+}
+
+int CountOpenDescriptors() {
+  int count = 0;
+  DIR* dir = opendir("/proc/self/fd");
+  while (dirent* entry = readdir(dir)) {
+    if (entry->d_name[0] != '.') ++count;
+  }
+  closedir(dir);
+  return count - 1;  // the directory's own descriptor
+}
+
+int CountZombieChildren() {
+  int zombies = 0;
+  pid_t self = getpid();
+  DIR* dir = opendir("/proc");
+  while (dirent* entry = readdir(dir)) {
+    if (entry->d_name[0] < '0' || entry->d_name[0] > '9') continue;
+    std::string stat = ReadFile(std::string("/proc/") + entry->d_name + "/stat");
+    size_t close = stat.rfind(')');
+    if (close == std::string::npos) continue;
+    char state = 0;
+    int parent = 0;
+    if (std::sscanf(stat.c_str() + close + 1, " %c %d", &state, &parent) == 2 && parent == self &&
+        state == 'Z') {
+      ++zombies;
+    }
+  }
+  closedir(dir);
+  return zombies;
+}
+
+}  // namespace testing
+}  // namespace ovita2

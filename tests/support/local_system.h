@@ -1,0 +1,50 @@
+// What tests need of the machine they run on: a scratch folder, loopback
+// sockets and free ports, and a census of this process's descriptors and
+// unreaped children (to prove that nothing was left behind).
+//
+// Test thread only.
+#ifndef OVITA2_TESTS_SUPPORT_LOCAL_SYSTEM_H
+#define OVITA2_TESTS_SUPPORT_LOCAL_SYSTEM_H
+
+#include <string>
+
+namespace ovita2 {
+namespace testing {
+
+// A folder under /tmp, removed with everything in it.
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+
+  const std::string& Path() const { return m_strPath; }
+  // Writes `text` to the file `name` in the folder; returns its path.
+  std::string Write(const std::string& name, const std::string& text) const;
+
+ private:
+  std::string m_strPath;
+};
+
+// The whole file, or "" when it cannot be read.
+std::string ReadFile(const std::string& path);
+
+// A blocking loopback client connected to `port`; -1 on failure.
+int ConnectLoopback(int port);
+// A listening loopback socket on a free port; its port in `*port`.
+int ListenLoopback(int* port);
+// A loopback port nothing listens on right now.
+int FreeLoopbackPort();
+bool SendAll(int fd, const std::string& bytes);
+// Appends what can be read now without blocking; false once the peer closed.
+bool ReadAvailable(int fd, std::string* sink);
+
+int CountOpenDescriptors();
+// Children of this process that exited and were not reaped.
+int CountZombieChildren();
+
+}  // namespace testing
+}  // namespace ovita2
+
+#endif  // OVITA2_TESTS_SUPPORT_LOCAL_SYSTEM_H
