@@ -7,7 +7,6 @@
 #include <cstdlib>
 #include <regex>
 
-#include "entry/so_entry.h"
 #include "zelvar/machine_factory.h"
 #include "zelvar/message_pool.h"
 
@@ -146,8 +145,9 @@ std::string CapturedLongAction::Param(const std::string& key) const {
   return it == params.end() ? std::string() : it->second;
 }
 
-TestHost::TestHost(unsigned defaultMachineTimeoutSec)
-    : m_pBase(event_base_new()),
+TestHost::TestHost(const PluginEntries& plugin, unsigned defaultMachineTimeoutSec)
+    : m_sPlugin(plugin),
+      m_pBase(event_base_new()),
       m_pRuntime(new zelvar::MachineRuntime(&m_cClock, defaultMachineTimeoutSec)),
       m_pLogFile(std::tmpfile()) {
   if (g_current != nullptr) {
@@ -201,7 +201,7 @@ TestHost* TestHost::Current() {
 }
 
 void TestHost::InstallTable() {
-  OnPeekInterface(m_aTable);
+  if (m_sPlugin.peek != nullptr) m_sPlugin.peek(m_aTable);
   // A test starts from an empty log; the entry line is checked on its own.
   m_vecLog.clear();
 }
@@ -264,7 +264,7 @@ void TestHost::SetConfig(const std::string& section, const std::string& key, con
 
 StartedMachine TestHost::RunRoutine() {
   zelvar::StateMachine* machine = nullptr;
-  OnRoutine(&machine);
+  if (m_sPlugin.routine != nullptr) m_sPlugin.routine(&machine);
   if (machine == nullptr) return StartedMachine();
   return Start(machine);
 }
@@ -319,11 +319,12 @@ TestPeer* TestHost::FindOpen(uint64_t connA, uint64_t connB) const {
 }
 
 int TestHost::Route(TestPeer& peer) {
+  if (m_sPlugin.data_in == nullptr) return -1;
   int result;
   do {
     zelvar::ZMessage* message = nullptr;
     zelvar::StateMachine* machine = nullptr;
-    result = OnDataIn(peer.ConnA(), peer.ConnB(), &message, &machine);
+    result = m_sPlugin.data_in(peer.ConnA(), peer.ConnB(), &message, &machine);
     if (result == 0) PostMessage(machine, message);
   } while (result == 0);
   return result;

@@ -80,6 +80,14 @@ struct AioRequest {
   uint32_t machine_id = 0;
 };
 
+// The entry points of the plug-in a TestHost drives; any may be null.
+struct PluginEntries {
+  void (*peek)(zelvar::HostFunction* table) = nullptr;
+  int (*routine)(zelvar::StateMachine** machineOut) = nullptr;
+  int (*data_in)(uint64_t connA, uint64_t connB, zelvar::ZMessage** messageOut,
+                 zelvar::StateMachine** machineOut) = nullptr;
+};
+
 // A machine the host started: its id and name as they were at the start (the
 // machine itself may be gone already).
 struct StartedMachine {
@@ -93,7 +101,10 @@ class TestHost {
   static constexpr int64_t kStartTime = 1700000000;  // seconds since the epoch
   static constexpr unsigned kDefaultMachineTimeout = 120;
 
+  // The host of the agent's tests: the table goes to the agent (linked in).
   explicit TestHost(unsigned defaultMachineTimeoutSec = kDefaultMachineTimeout);
+  // The host of another plug-in (or of none); needs no agent.
+  explicit TestHost(const PluginEntries& plugin, unsigned defaultMachineTimeoutSec = kDefaultMachineTimeout);
   ~TestHost();
 
   TestHost(const TestHost&) = delete;
@@ -188,6 +199,7 @@ class TestHost {
   TestPeer& NewPeer(const std::string& ip, uint16_t port, bool outbound);
   TestPeer* FindOpen(uint64_t connA, uint64_t connB) const;
 
+  PluginEntries m_sPlugin;
   zelvar::HostFunction m_aTable[zelvar::kHostSlotCount];
   int64_t m_i64Now = kStartTime;
   Clock m_cClock{&m_i64Now};
