@@ -1,11 +1,11 @@
 #include "test_host.h"
 
 #include <event2/event.h>
-#include <unistd.h>
+#include <regex.h>
 
 #include <cstdarg>
+#include <algorithm>
 #include <cstdlib>
-#include <regex>
 
 #include "zelvar/machine_factory.h"
 #include "zelvar/message_pool.h"
@@ -42,7 +42,8 @@ struct TestHost::FakeSlots {
     if (length > 0) std::vsnprintf(&text[0], text.size() + 1, format, again);
     va_end(again);
     va_end(args);
-    Host().m_vecLog.push_back({level, text});
+    (void)level;
+    Host().m_vecLog.push_back(text);
   }
 
   static int GetLogLevel() { return Host().m_iLogLevel; }
@@ -71,13 +72,15 @@ struct TestHost::FakeSlots {
   }
 
   static void ListConfigKeys(const char* section, const char* pattern, std::vector<std::string>* out) {
-    auto& config = Host().m_mapConfig;
-    auto it = config.find(section != nullptr ? section : "");
-    if (it == config.end()) return;
-    std::regex matcher(pattern != nullptr ? pattern : "");
+    // Matched as zelvar-host does: POSIX extended, anywhere in the key.
+    Host().m_strKeyPattern = pattern;
+    auto it = Host().m_mapConfig.find(section);
+    regex_t compiled;
+    if (it == Host().m_mapConfig.end() || regcomp(&compiled, pattern, REG_EXTENDED | REG_NOSUB) != 0) return;
     for (const auto& entry : it->second) {
-      if (std::regex_search(entry.first, matcher)) out->push_back(entry.first);
+      if (regexec(&compiled, entry.first.c_str(), 0, nullptr, 0) == 0) out->push_back(entry.first);
     }
+    regfree(&compiled);
   }
 
   static const int64_t* GetNow() { return &Host().m_i64Now; }
@@ -87,7 +90,8 @@ struct TestHost::FakeSlots {
     return peer != nullptr ? peer->AgentSide() : nullptr;
   }
 
-  static int PostToMachine(zelvar::ZMessage* message, zelvar::StateMachine* target, unsigned) {
+  static int PostToMachine(zelvar::ZMessage* message, zelvar::StateMachine* target, unsigned id) {
+    Host().m_uLastPostedId = id;
     Host().PostMessage(target, message);
     return 0;
   }
@@ -102,24 +106,19 @@ struct TestHost::FakeSlots {
     return 0;
   }
 
-  static int Aio(const char* kind, int fd, uint64_t size, uint64_t offset, unsigned machineId) {
-    Host().m_vecAio.push_back({kind, fd, size, offset, machineId});
-    return 0;
-  }
-  static int StartAioRead(int fd, uint64_t size, char*, uint64_t offset, unsigned machineId, zelvar::StateMachine*) {
-    return Aio("read", fd, size, offset, machineId);
-  }
-  static int StartAioWrite(int fd, uint64_t size, char*, uint64_t offset, unsigned machineId, zelvar::StateMachine*) {
-    return Aio("write", fd, size, offset, machineId);
-  }
-  static int StartAioFDSync(int fd, unsigned machineId) { return Aio("fdsync", fd, 0, 0, machineId); }
-
   static zelvar::StateMachine* CreateMachineForMessage(unsigned messageType) {
     return zelvar::MachineFactory::Instance()->CreateMachine(messageType);
   }
 
-  static zelvar::ZMessage* AcquireMessage(int) { return zelvar::MessagePool::Instance()->Acquire(); }
-  static void ReleaseMessage(int, zelvar::ZMessage* message) { zelvar::MessagePool::Instance()->Release(message); }
+  static zelvar::ZMessage* AcquireMessage(int) {
+    zelvar::ZMessage* message = zelvar::MessagePool::Instance()->Acquire();
+    Host().m_mapReleases[message] = 0;
+    return message;
+  }
+  static void ReleaseMessage(int, zelvar::ZMessage* message) {
+    ++Host().m_mapReleases[message];
+    zelvar::MessagePool::Instance()->Release(message);
+  }
 
   static void* GetPluginHandle(const char* name) {
     TestHost& host = Host();
@@ -128,9 +127,7 @@ struct TestHost::FakeSlots {
   }
 
   static bufferevent* ConnectTo(const char* ip, unsigned short port, unsigned) {
-    TestHost& host = Host();
-    if (host.m_setRefused.count({ip, port}) != 0) return nullptr;
-    return host.Peer(ip, port).AgentSide();
+    return Host().Peer(ip, port).AgentSide();
   }
 
   static event_base* GetEventBase() { return Host().m_pBase; }
@@ -155,7 +152,6 @@ TestHost::TestHost(const PluginEntries& plugin, unsigned defaultMachineTimeoutSe
     std::abort();
   }
   g_current = this;
-  m_pRuntime->SetLogger([this](int, const std::string& line) { m_vecRuntimeLines.push_back(line); });
 
   for (zelvar::HostFunction& slot : m_aTable) slot = &Unused;
   m_aTable[zelvar::kSlotIsReady] = AsSlot(&FakeSlots::IsReady);
@@ -170,9 +166,6 @@ TestHost::TestHost(const PluginEntries& plugin, unsigned defaultMachineTimeoutSe
   m_aTable[zelvar::kSlotGetConnectionBev] = AsSlot(&FakeSlots::GetConnectionBev);
   m_aTable[zelvar::kSlotPostToMachine] = AsSlot(&FakeSlots::PostToMachine);
   m_aTable[zelvar::kSlotStartLongAction] = AsSlot(&FakeSlots::StartLongAction);
-  m_aTable[zelvar::kSlotStartAioRead] = AsSlot(&FakeSlots::StartAioRead);
-  m_aTable[zelvar::kSlotStartAioWrite] = AsSlot(&FakeSlots::StartAioWrite);
-  m_aTable[zelvar::kSlotStartAioFDSync] = AsSlot(&FakeSlots::StartAioFDSync);
   m_aTable[zelvar::kSlotCreateMachineForMessage] = AsSlot(&FakeSlots::CreateMachineForMessage);
   m_aTable[zelvar::kSlotAcquireMessage] = AsSlot(&FakeSlots::AcquireMessage);
   m_aTable[zelvar::kSlotReleaseMessage] = AsSlot(&FakeSlots::ReleaseMessage);
@@ -216,39 +209,13 @@ void TestHost::AdvanceClock(int64_t seconds) {
   m_pRuntime->FireTimeouts();
 }
 
-std::vector<std::string> TestHost::LogLines() const {
-  std::vector<std::string> lines;
-  for (const LogLine& line : m_vecLog) lines.push_back(line.text);
-  return lines;
-}
-
-std::vector<std::string> TestHost::LogLinesAt(int level) const {
-  std::vector<std::string> lines;
-  for (const LogLine& line : m_vecLog) {
-    if (line.level == level) lines.push_back(line.text);
-  }
-  return lines;
-}
-
 bool TestHost::Logged(const std::string& text) const {
-  for (const LogLine& line : m_vecLog) {
-    if (line.text == text) return true;
-  }
-  return false;
+  return std::find(m_vecLog.begin(), m_vecLog.end(), text) != m_vecLog.end();
 }
 
-std::string TestHost::LogFdText() const {
-  std::fflush(m_pLogFile);
-  int fd = fileno(m_pLogFile);
-  std::string text;
-  char chunk[4096];
-  off_t offset = 0;
-  ssize_t got;
-  while ((got = pread(fd, chunk, sizeof(chunk), offset)) > 0) {
-    text.append(chunk, static_cast<size_t>(got));
-    offset += got;
-  }
-  return text;
+int TestHost::Releases(const zelvar::ZMessage* message) const {
+  auto found = m_mapReleases.find(message);
+  return found != m_mapReleases.end() ? found->second : 0;
 }
 
 void TestHost::SetConfig(const std::string& section, const std::string& key, const std::string& value) {
@@ -303,14 +270,6 @@ TestPeer& TestHost::Peer(const std::string& ip, uint16_t port) {
 
 TestPeer& TestHost::Accept(const std::string& ip, uint16_t port) { return NewPeer(ip, port, false); }
 
-std::vector<TestPeer*> TestHost::OutboundPeers() const {
-  std::vector<TestPeer*> peers;
-  for (size_t i = 0; i < m_vecPeers.size(); ++i) {
-    if (m_vecOutbound[i] && m_vecPeers[i]->IsOpen()) peers.push_back(m_vecPeers[i].get());
-  }
-  return peers;
-}
-
 TestPeer* TestHost::FindOpen(uint64_t connA, uint64_t connB) const {
   for (const auto& peer : m_vecPeers) {
     if (peer->IsOpen() && peer->ConnA() == connA && peer->ConnB() == connB) return peer.get();
@@ -325,7 +284,9 @@ int TestHost::Route(TestPeer& peer) {
     zelvar::ZMessage* message = nullptr;
     zelvar::StateMachine* machine = nullptr;
     result = m_sPlugin.data_in(peer.ConnA(), peer.ConnB(), &message, &machine);
-    if (result == 0) PostMessage(machine, message);
+    if (result != 0) break;
+    m_pLastRouted = message;
+    PostMessage(machine, message);
   } while (result == 0);
   return result;
 }

@@ -1,0 +1,214 @@
+// The name service: the container, the registry handle, refreshing the
+// instances, registering this agent, and the two lookups built on names.
+#include <zookeeper/zookeeper.h>
+
+#include <functional>
+
+#include "agent_test.h"
+#include "naming/register_myself.h"
+#include "naming/update_aggregation.h"
+#include "naming/update_names.h"
+#include "naming/update_task_queue.h"
+#include "naming/zk_access.h"
+#include "zelvar/ovita2.pb.h"
+
+zelvar::StateMachine* UpdateTaskQueueCreateMySelf();
+zelvar::StateMachine* UpdateAggregationCreateMySelf();
+
+namespace ovita2 {
+namespace testing {
+namespace {
+
+using Naming = AgentTest;
+
+std::string AddressBytes(const std::string& ip, int port) {
+  zelvar::kadri::NameNodeContent content;
+  content.set_ip(ip);
+  content.set_port(port);
+  return content.SerializeAsString();
+}
+
+TEST_F(Naming, FirstDefinitionWinsAndInstancesAreSharedByChildKey) {
+  NameContainer* names = NameContainer::Instance();
+  EXPECT_TRUE(names->DefineName("MASTER", "/a"));
+  EXPECT_FALSE(names->DefineName("MASTER", "/b"));
+  EXPECT_EQ(names->Names().at("MASTER"), "/a");
+  zelvar::kadri::NameNodeContent first, second;
+  first.set_ip("10.0.0.1");
+  second.set_ip("10.0.0.2");
+  names->SetNameValue("MASTER", "node-1", first);
+  const zelvar::kadri::NameNodeContent* kept = names->GetNNCWithName("node-1");
+  names->SetNameValue("OTHER", "node-1", second);  // same child key: the later write wins, in place
+  EXPECT_EQ(kept, names->GetNNCWithName("node-1"));
+  EXPECT_EQ(names->GetNameValue("MASTER")->ip(), "10.0.0.2");
+  names->ClearNameValue("MASTER");
+  EXPECT_EQ(names->GetNameValue("MASTER"), nullptr);
+  EXPECT_TRUE(names->FindNameValues("MASTER").empty());
+  EXPECT_EQ(names->FindNameValues("OTHER").size(), 1u);
+}
+
+TEST_F(Naming, RegistryHandleIsKeptOnceTheHostHasOne) {
+  host_.SetRegistryAvailable(false);
+  // Only a fresh process (as ctest runs each test) has no handle kept yet.
+  if (ei_handle() == nullptr) {
+    host_.SetRegistryAvailable(true);
+    EXPECT_NE(ei_handle(), nullptr) << "a missing handle is asked for again";
+    host_.SetRegistryAvailable(false);
+  }
+  EXPECT_NE(ei_handle(), nullptr) << "the first handle found is kept";
+}
+
+TEST_F(Naming, RefreshListsEveryNameAndKeepsWhatItCannotLearn) {
+  NameContainer* names = NameContainer::Instance();
+  names->DefineName("A", "/a");
+  names->DefineName("B", "/b");
+  names->DefineName("C", "/c");
+  AddInstance("B", "10.0.0.9", 1);
+  uint32_t id = host_.Start(new UpdateNamesMachine()).id;
+  FakeRegistry& registry = host_.Registry();
+  ASSERT_EQ(registry.LastCall().path, "/a");
+  registry.Answer(registry.LastCall(), 0, {{"a1", AddressBytes("10.0.0.1", 11)}, {"bad", "\xff"}});
+  host_.RunPending();
+  ASSERT_EQ(registry.LastCall().path, "/b");
+  registry.SetCommandResult("listvalue", ZCONNECTIONLOSS);
+  registry.Answer(registry.LastCall(), ZNONODE);  // an error answer: B keeps its instance
+  host_.RunPending();
+  EXPECT_EQ(registry.Calls().size(), 3u);
+  EXPECT_FALSE(host_.IsAlive(id)) << "a refused command ends the run";
+  EXPECT_EQ(names->FindNameValues("A").size(), 1u);
+  EXPECT_EQ(names->GetNameValue("A")->port(), 11);
+  EXPECT_EQ(names->GetNameValue("B")->ip(), "10.0.0.9");
+}
+
+class RegisterMyself : public AgentTest {
+ protected:
+  RegisterMyself() {
+    host_.SetConfig("common", "myname", "/agents/a7");
+    host_.SetConfig("network", "listen-ip", "10.1.1.1");
+    host_.SetConfig("network", "listen-port", "9300");
+  }
+  uint32_t Run() { return host_.Start(new RegisterMyselfMachine()).id; }
+  void Answer(int retcode) {
+    host_.Registry().Answer(host_.Registry().LastCall(), retcode);
+    host_.RunPending();
+  }
+};
+
+TEST_F(RegisterMyself, CreatesTheEphemeralNodeThenWatchesIt) {
+  for (int createResult : {ZOK, ZNODEEXISTS}) {
+    ResetAgentState();
+    uint32_t id = Run();
+    const RegistryCall& create = host_.Registry().LastCall();
+    EXPECT_EQ(create.command, "create");
+    EXPECT_EQ(create.path, "/agents/a7");
+    EXPECT_EQ(create.data, AddressBytes("10.1.1.1", 9300));
+    EXPECT_EQ(create.flags, ZOO_EPHEMERAL);
+    Answer(createResult);
+    EXPECT_EQ(host_.Registry().LastCall().command, "get");
+    Answer(ZOK);
+    EXPECT_FALSE(host_.IsAlive(id));
+    EXPECT_TRUE(RegisterMyselfMachine::m_bRegister);
+  }
+  size_t calls = host_.Registry().Calls().size();
+  Run();
+  EXPECT_EQ(host_.Registry().Calls().size(), calls) << "a registered agent does nothing";
+  myself_watcher_fn(nullptr, ZOO_DELETED_EVENT, ZOO_CONNECTED_STATE, "/agents/a7", nullptr);
+  EXPECT_FALSE(RegisterMyselfMachine::m_bRegister);
+}
+
+TEST_F(RegisterMyself, FailureAtAnyStepLeavesItUnregisteredAndUnlocked) {
+  for (int failedStep = 0; failedStep < 2; ++failedStep) {
+    Run();
+    if (failedStep == 1) Answer(ZOK);
+    Answer(ZCONNECTIONLOSS);
+    EXPECT_FALSE(RegisterMyselfMachine::m_bRegister);
+    EXPECT_EQ(RegisterMyselfMachine::m_sLock.locked, 0) << failedStep;
+  }
+}
+
+TEST_F(RegisterMyself, TheLockIsTakenBeforeReadinessOrTheFlagIsLookedAt) {
+  const std::function<void(TestHost&)> blockers[] = {
+      [](TestHost& host) { host.SetReady(false); },
+      [](TestHost&) { RegisterMyselfMachine::m_bRegister = true; },
+  };
+  for (const auto& block : blockers) {
+    ResetAgentState();
+    host_.SetReady(true);
+    Run();  // holds the lock while its node is being created
+    block(host_);
+    host_.ClearLog();
+    Run();
+    EXPECT_TRUE(LogHas("Someone is registing...")) << "a second run is turned away by the lock";
+    Answer(ZCONNECTIONLOSS);
+  }
+}
+
+// The two lookups: which service each resolves, and how each reads its reply.
+struct Lookup {
+  const char* service;
+  zelvar::StateMachine* (*create)();
+  bool spendsFlowWithoutService;  // the flow number is taken before the service is resolved
+  unsigned replyType;
+  std::function<void(zelvar::ZMessage*, int code, const std::string& name)> fill;
+  std::function<std::string()> kept;
+};
+
+std::vector<Lookup> Lookups() {
+  return {
+      {"MASTER", UpdateTaskQueueCreateMySelf, false, 67001,
+       [](zelvar::ZMessage* reply, int code, const std::string& name) {
+         auto* response = reply->mutable_body()->MutableExtension(zelvar::ovita2::get_task_queue_response);
+         response->mutable_rc()->set_code(code);
+         response->set_name(name);
+         response->set_ip(name.empty() ? "" : "10.9.0." + name);
+       },
+       [] { return g_strTQName + "@" + g_strTQIP; }},
+      {"TELLAR2_ACCESS", UpdateAggregationCreateMySelf, true, 66001,
+       [](zelvar::ZMessage* reply, int code, const std::string& name) {
+         auto* response = reply->mutable_body()->MutableExtension(zelvar::ovita2::get_aggregation_response);
+         response->mutable_rc()->set_code(code);
+         response->set_name(name);
+         response->set_ip(name.empty() ? "" : "10.9.0." + name);
+       },
+       [] { return g_strAggrName + "@" + g_strAggrIP; }},
+  };
+}
+
+TEST_F(Naming, LookupWithoutAnInstanceSpendsAFlowNumberOnlyIfItTakesItFirst) {
+  for (const Lookup& lookup : Lookups()) {
+    unsigned before = BEVMachineUtil::Flowno();
+    EXPECT_FALSE(host_.IsAlive(host_.Start(lookup.create()).id));
+    EXPECT_EQ(BEVMachineUtil::Flowno() - before, lookup.spendsFlowWithoutService ? 2u : 1u) << lookup.service;
+  }
+}
+
+TEST_F(Naming, LookupRepliesAreReadAndEveryReplyIsGivenBack) {
+  struct Step {
+    int code;
+    const char* name;
+    const char* taskQueueKeeps;  // a known queue keeps its first address
+    const char* aggregationKeeps;
+  };
+  const Step steps[] = {{0, "1", "1@10.9.0.1", "1@10.9.0.1"}, {5, "2", "1@10.9.0.1", "1@10.9.0.1"},
+                        {0, "", "1@10.9.0.1", "@"}, {0, "3", "3@10.9.0.3", "3@10.9.0.3"}};
+  host_.SetConfig("common", "myname", "/agents/a7");
+  for (const Lookup& lookup : Lookups()) {
+    AddInstance(lookup.service, "10.0.0.1", 9100);
+    for (const Step& step : steps) {
+      host_.Start(lookup.create());
+      zelvar::ZMessage request;
+      ASSERT_TRUE(host_.Peer("10.0.0.1", 9100).ReadFrame(&request));
+      zelvar::ZMessage reply = ReplyTo(request, lookup.replyType);
+      lookup.fill(&reply, step.code, step.name);
+      host_.Peer("10.0.0.1", 9100).Send(reply);
+      host_.RunPending();
+      EXPECT_EQ(host_.Releases(host_.LastRouted()), 1) << lookup.service << " " << step.code << step.name;
+      EXPECT_EQ(lookup.kept(), lookup.create == UpdateTaskQueueCreateMySelf ? step.taskQueueKeeps
+                                                                           : step.aggregationKeeps);
+    }
+  }
+}
+
+}  // namespace
+}  // namespace testing
+}  // namespace ovita2
