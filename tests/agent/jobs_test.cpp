@@ -87,7 +87,7 @@ TEST_F(UpdateJobs, OnlyAListWithJobsReplacesTheScheduleAndEveryReplyIsGivenBack)
     for (uint32_t object = 1; object <= c.jobs; ++object) AddJob(list, object, 1, 60);
     host_.Peer("10.3.0.1", 9200).Send(reply);
     host_.RunPending();
-    EXPECT_EQ(host_.Releases(host_.LastRouted()), 1);
+    EXPECT_EQ(host_.Releases(host_.LastRouted()), 1) << c.code << "/" << c.jobs;
     EXPECT_EQ(JobContainer::Instance()->GetObjectJobs().size(), c.objectsAfter);
   }
 }

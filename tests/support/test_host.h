@@ -75,25 +75,21 @@ class TestHost {
   // The live test host; aborts the test program when there is none.
   static TestHost* Current();
 
-  // --- the table ---------------------------------------------------------------
   zelvar::HostFunction* Table() { return m_aTable; }
   // Empties a slot and hands the table over again.
   void ClearSlot(zelvar::HostSlot slot);
 
-  // --- clock ----------------------------------------------------------------------
   int64_t Now() const { return m_i64Now; }
   void SetNow(int64_t seconds) { m_i64Now = seconds; }
   // Moves the clock on and fires the machine timeouts that fell due.
   void AdvanceClock(int64_t seconds);
 
-  // --- log ------------------------------------------------------------------------
   void SetLogLevel(int threshold) { m_iLogLevel = threshold; }
   int LogLevel() const { return m_iLogLevel; }
   const std::vector<std::string>& LogLines() const { return m_vecLog; }
   bool Logged(const std::string& text) const;
   void ClearLog() { m_vecLog.clear(); }
 
-  // --- configuration and readiness --------------------------------------------------
   void SetConfig(const std::string& section, const std::string& key, const std::string& value);
   // The pattern of the last ListConfigKeys.
   const std::string& KeyPattern() const { return m_strKeyPattern; }
@@ -101,7 +97,6 @@ class TestHost {
   unsigned RoutinePeriod() const { return m_uRoutinePeriod; }
   void SetReady(bool ready) { m_bReady = ready; }
 
-  // --- machines ----------------------------------------------------------------------
   zelvar::MachineRuntime& Runtime() { return *m_pRuntime; }
   // OnRoutine; the machine it returns (if any) starts at once.
   StartedMachine RunRoutine();
@@ -115,7 +110,6 @@ class TestHost {
   // Queues a plug-in record for a live machine; `drop` frees it otherwise.
   int DeliverRecord(uint32_t machineId, void* record, void (*drop)(void*));
 
-  // --- envelopes -------------------------------------------------------------------------
   // ReleaseMessage calls for `message` since the pool last handed it out.
   int Releases(const zelvar::ZMessage* message) const;
   // The id argument of the last PostToMachine.
@@ -123,7 +117,6 @@ class TestHost {
   // The envelope OnDataIn routed last.
   const zelvar::ZMessage* LastRouted() const { return m_pLastRouted; }
 
-  // --- connections ---------------------------------------------------------------------
   // The open outbound connection to ip:port, made on first use.
   TestPeer& Peer(const std::string& ip, uint16_t port);
   // A new inbound connection from ip:port.
@@ -132,12 +125,10 @@ class TestHost {
   // routed envelope is queued for its machine. Returns the last result.
   int Route(TestPeer& peer);
 
-  // --- long actions --------------------------------------------------------------------
   const std::vector<CapturedLongAction>& LongActions() const { return m_vecLongActions; }
   // Delivers the completion of the action handed over under `flowNo`.
   void CompleteLongAction(uint32_t flowNo, const std::string& output, const std::string& error, int64_t status);
 
-  // --- registry plug-in ---------------------------------------------------------------------
   FakeRegistry& Registry() { return m_cRegistry; }
   // false: GetPluginHandle("zookeeper") gives null.
   void SetRegistryAvailable(bool available) { m_bRegistryAvailable = available; }
@@ -152,8 +143,12 @@ class TestHost {
     const int64_t* m_pSeconds;
   };
 
-  struct FakeSlots;
-  friend struct FakeSlots;
+  template <typename Fn>
+  void Set(zelvar::HostSlot slot, Fn fn) {
+    m_aTable[slot] = reinterpret_cast<zelvar::HostFunction>(fn);
+  }
+  const std::string* FindConfig(const char* section, const char* key) const;
+  static void Log(int level, const char* format, ...);
 
   void InstallTable();
   TestPeer& NewPeer(const std::string& ip, uint16_t port, bool outbound);
