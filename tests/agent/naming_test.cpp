@@ -143,39 +143,39 @@ TEST_F(RegisterMyself, TheLockIsTakenBeforeReadinessOrTheFlagIsLookedAt) {
   }
 }
 
-// The two lookups: which service each resolves, and how each reads its reply.
+// The two lookups: the service each resolves, and how each reads its reply.
+template <typename Extension>
+void FillReply(zelvar::ZMessage* reply, const Extension& extension, int code, const std::string& name) {
+  auto* response = reply->mutable_body()->MutableExtension(extension);
+  response->mutable_rc()->set_code(code);
+  response->set_name(name);
+  response->set_ip(name.empty() ? "" : "10.9.0." + name);
+}
+
 struct Lookup {
   const char* service;
   zelvar::StateMachine* (*create)();
   bool spendsFlowWithoutService;  // the flow number is taken before the service is resolved
   unsigned replyType;
-  std::function<void(zelvar::ZMessage*, int code, const std::string& name)> fill;
-  std::function<std::string()> kept;
+  void (*fill)(zelvar::ZMessage* reply, int code, const std::string& name);
+  std::string (*kept)();
 };
 
-std::vector<Lookup> Lookups() {
-  return {
-      {"MASTER", UpdateTaskQueueCreateMySelf, false, 67001,
-       [](zelvar::ZMessage* reply, int code, const std::string& name) {
-         auto* response = reply->mutable_body()->MutableExtension(zelvar::ovita2::get_task_queue_response);
-         response->mutable_rc()->set_code(code);
-         response->set_name(name);
-         response->set_ip(name.empty() ? "" : "10.9.0." + name);
-       },
-       [] { return g_strTQName + "@" + g_strTQIP; }},
-      {"TELLAR2_ACCESS", UpdateAggregationCreateMySelf, true, 66001,
-       [](zelvar::ZMessage* reply, int code, const std::string& name) {
-         auto* response = reply->mutable_body()->MutableExtension(zelvar::ovita2::get_aggregation_response);
-         response->mutable_rc()->set_code(code);
-         response->set_name(name);
-         response->set_ip(name.empty() ? "" : "10.9.0." + name);
-       },
-       [] { return g_strAggrName + "@" + g_strAggrIP; }},
-  };
-}
+const Lookup kLookups[] = {
+    {"MASTER", UpdateTaskQueueCreateMySelf, false, 67001,
+     [](zelvar::ZMessage* reply, int code, const std::string& name) {
+       FillReply(reply, zelvar::ovita2::get_task_queue_response, code, name);
+     },
+     [] { return g_strTQName + "@" + g_strTQIP; }},
+    {"TELLAR2_ACCESS", UpdateAggregationCreateMySelf, true, 66001,
+     [](zelvar::ZMessage* reply, int code, const std::string& name) {
+       FillReply(reply, zelvar::ovita2::get_aggregation_response, code, name);
+     },
+     [] { return g_strAggrName + "@" + g_strAggrIP; }},
+};
 
 TEST_F(Naming, LookupWithoutAnInstanceSpendsAFlowNumberOnlyIfItTakesItFirst) {
-  for (const Lookup& lookup : Lookups()) {
+  for (const Lookup& lookup : kLookups) {
     unsigned before = BEVMachineUtil::Flowno();
     EXPECT_FALSE(host_.IsAlive(host_.Start(lookup.create()).id));
     EXPECT_EQ(BEVMachineUtil::Flowno() - before, lookup.spendsFlowWithoutService ? 2u : 1u) << lookup.service;
@@ -192,12 +192,14 @@ TEST_F(Naming, LookupRepliesAreReadAndEveryReplyIsGivenBack) {
   const Step steps[] = {{0, "1", "1@10.9.0.1", "1@10.9.0.1"}, {5, "2", "1@10.9.0.1", "1@10.9.0.1"},
                         {0, "", "1@10.9.0.1", "@"}, {0, "3", "3@10.9.0.3", "3@10.9.0.3"}};
   host_.SetConfig("common", "myname", "/agents/a7");
-  for (const Lookup& lookup : Lookups()) {
+  for (const Lookup& lookup : kLookups) {
     AddInstance(lookup.service, "10.0.0.1", 9100);
     for (const Step& step : steps) {
       host_.Start(lookup.create());
       zelvar::ZMessage request;
       ASSERT_TRUE(host_.Peer("10.0.0.1", 9100).ReadFrame(&request));
+      EXPECT_EQ(request.head().message_type(), lookup.replyType - 1);
+      EXPECT_NE(request.body().ShortDebugString().find("\"/agents/a7\""), std::string::npos);
       zelvar::ZMessage reply = ReplyTo(request, lookup.replyType);
       lookup.fill(&reply, step.code, step.name);
       host_.Peer("10.0.0.1", 9100).Send(reply);
