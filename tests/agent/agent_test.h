@@ -7,9 +7,19 @@
 
 #include <string>
 
+#include "framework/bev_machine_util.h"
 #include "naming/name_container.h"
 #include "test_host.h"
 #include "zelvar/message_util.h"
+
+// Serves requests of its own type: waits, and gives back every message it gets.
+class EchoMachine : public BEVMachineUtil {
+ public:
+  static constexpr unsigned kType = 4243001;
+  unsigned StateMachineType() override { return kType; }
+  const char* MachineName() override { return "EchoMachine"; }
+  int Entry_Init(zelvar::event_key_t key, void* data);
+};
 
 namespace ovita2 {
 namespace testing {

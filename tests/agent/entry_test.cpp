@@ -13,26 +13,16 @@
 #include "framework/machine_registration.h"
 #include "framework/routine_util.h"
 
-// A machine that serves inbound requests of its own type and keeps them.
-constexpr unsigned kInboxType = 4243001;
-class InboxMachine : public BEVMachineUtil {
- public:
-  unsigned StateMachineType() override { return kInboxType; }
-  const char* MachineName() override { return "InboxMachine"; }
-  int Entry_Init(zelvar::event_key_t, void* data) {
-    if (data == nullptr) return zelvar::kKeepMachine;  // started by a test: waits
-    received = *static_cast<zelvar::ZMessage*>(data);
-    ovita2::HostFn<zelvar::ReleaseMessageFn>(zelvar::kSlotReleaseMessage)(0, static_cast<zelvar::ZMessage*>(data));
-    return zelvar::kKeepMachine;
-  }
-  static zelvar::ZMessage received;
-};
-zelvar::ZMessage InboxMachine::received;
-OVITA2_MACHINE_CREATORS(Inbox)
-OVITA2_MACHINE_STATE(Inbox, Init)
-static const ovita2::MachineRegistration kInbox =
-    ovita2::MachineRegistration(kInboxType, InboxCreateMySelf, InboxCreateMySelfByAddr)
-        .State(-1, InboxMachineEntry_Init, "Entry_Init");
+int EchoMachine::Entry_Init(zelvar::event_key_t, void* data) {
+  auto release = ovita2::HostFn<zelvar::ReleaseMessageFn>(zelvar::kSlotReleaseMessage);
+  if (data != nullptr) release(0, static_cast<zelvar::ZMessage*>(data));
+  return zelvar::kKeepMachine;
+}
+OVITA2_MACHINE_CREATORS(Echo)
+OVITA2_MACHINE_STATE(Echo, Init)
+static const ovita2::MachineRegistration kEcho =
+    ovita2::MachineRegistration(EchoMachine::kType, EchoCreateMySelf, EchoCreateMySelfByAddr)
+        .State(-1, EchoMachineEntry_Init, "Entry_Init");
 
 namespace ovita2 {
 namespace testing {
@@ -64,7 +54,7 @@ TEST_F(Entry, FrameLengthNearTheTopOfTheRangeIsNeverComplete) {
 }
 
 TEST_F(Entry, EachFrameGoesToTheMachineItNamesOrServesItsType) {
-  auto* waiting = new InboxMachine();
+  auto* waiting = new EchoMachine();
   uint32_t waitingId = host_.Start(waiting).id;
   auto reply = [](uint32_t dst, uint32_t owner) {
     zelvar::ZMessage message;
@@ -76,7 +66,7 @@ TEST_F(Entry, EachFrameGoesToTheMachineItNamesOrServesItsType) {
     return message;
   };
   zelvar::ZMessage request;
-  zelvar::NewMessage(&request, 5, "session-1", kInboxType, 0, false, 0, 0, nullptr, nullptr, nullptr);
+  zelvar::NewMessage(&request, 5, "session-1", EchoMachine::kType, 0, false, 0, 0, nullptr, nullptr, nullptr);
   struct Case {
     zelvar::ZMessage message;
     int result;
@@ -97,7 +87,7 @@ TEST_F(Entry, EachFrameGoesToTheMachineItNamesOrServesItsType) {
     EXPECT_EQ(message->SerializeAsString(), c.message.SerializeAsString());
     EXPECT_EQ(machine == waiting, c.toWaiting);
     if (!c.toWaiting) {
-      auto* served = dynamic_cast<InboxMachine*>(machine);
+      auto* served = dynamic_cast<EchoMachine*>(machine);
       ASSERT_NE(served, nullptr);
       EXPECT_EQ(served->ReplyConnA(), peer.ConnA());
       EXPECT_EQ(served->ReplyConnB(), peer.ConnB());

@@ -5,25 +5,8 @@
 #include "agent_test.h"
 #include "framework/bev_machine_util.h"
 #include "framework/host_api.h"
-#include "framework/machine_registration.h"
 #include "zelvar/dorvan.pb.h"
 #include "zelvar/machine_pool.h"
-
-// Ends on any message, and gives it back.
-class PlainMachine : public BEVMachineUtil {
- public:
-  unsigned StateMachineType() override { return 4243101; }
-  const char* MachineName() override { return "Plain"; }
-  int Entry_Init(zelvar::event_key_t, void* data) {
-    ovita2::HostFn<zelvar::ReleaseMessageFn>(zelvar::kSlotReleaseMessage)(0, static_cast<zelvar::ZMessage*>(data));
-    return zelvar::kMachineDone;
-  }
-};
-OVITA2_MACHINE_CREATORS(Plain)
-OVITA2_MACHINE_STATE(Plain, Init)
-static const ovita2::MachineRegistration kPlain =
-    ovita2::MachineRegistration(4243101, PlainCreateMySelf, PlainCreateMySelfByAddr)
-        .State(-1, PlainMachineEntry_Init, "Entry_Init");
 
 namespace ovita2 {
 namespace testing {
@@ -32,23 +15,23 @@ namespace {
 using Framework = AgentTest;
 
 TEST_F(Framework, InternalSendsPostACopyToTheRightMachine) {
-  PlainMachine sender;
-  PlainMachine& receiver = *new PlainMachine();  // the runtime takes it over with the message
+  EchoMachine sender;
+  EchoMachine& receiver = *new EchoMachine();  // the runtime takes it over with the message
   zelvar::ZMessage message;
   message.mutable_head()->set_message_type(4243199);
   EXPECT_EQ(sender.SendInternalResponse(message, 0, receiver.GetMachineId()), 0);
   EXPECT_EQ(host_.LastPostedId(), receiver.GetMachineId());
   EXPECT_EQ(sender.SendInternalResponse(message, 0, receiver.GetMachineId() + 1000), -1);
   EXPECT_EQ(sender.SendInternalRequest(message), -1) << "no machine serves the type";
-  message.mutable_head()->set_message_type(4243101);
+  message.mutable_head()->set_message_type(EchoMachine::kType);
   EXPECT_EQ(sender.SendInternalRequest(message), 0);
   EXPECT_EQ(host_.LastPostedId(), zelvar::kNoMachineId) << "a new machine is named by its pointer only";
   host_.RunPending();
 }
 
 TEST_F(Framework, ResponseGoesToTheRequesterElseBackOverTheConnection) {
-  PlainMachine machine;
-  PlainMachine& requester = *new PlainMachine();  // the runtime takes it over with the message
+  EchoMachine machine;
+  EchoMachine& requester = *new EchoMachine();  // the runtime takes it over with the message
   TestPeer& peer = host_.Accept("10.0.0.5", 7000);
   machine.SetReplyConnection(peer.ConnA(), peer.ConnB());
   zelvar::ZMessage message;
@@ -67,9 +50,19 @@ TEST_F(Framework, ResponseGoesToTheRequesterElseBackOverTheConnection) {
   host_.RunPending();
 }
 
+TEST_F(Framework, LinesAreWrittenFromTheHostsThresholdUp) {
+  host_.SetLogLevel(2);
+  EchoMachine machine;
+  HostLog(1, "hidden %d", 1);
+  MachineLog(2, &machine, "shown %d", 2);
+  const std::vector<std::string> expected = {
+      "machine:EchoMachine(" + std::to_string(machine.GetMachineId()) + ")|state:Entry_Init|shown 2"};
+  EXPECT_EQ(host_.LogLines(), expected);
+}
+
 TEST_F(Framework, SqlRequestCarriesTheWholeTextAndTheFlagTurnedRound) {
-  PlainMachine machine;
-  std::string longText(5000, 'x');
+  EchoMachine machine;
+  std::string longText(200000, 'x');  // past one block of the output stream
   unsigned first = machine.SendSql("10.2.0.1", 9500, "stats", 1, "select '%s' -- %d", longText.c_str(), 7);
   unsigned second = machine.SendSql("10.2.0.1", 9500, "stats", 0, "%s", "short");
   EXPECT_EQ(second, first + 1);

@@ -142,8 +142,11 @@ TEST_F(ExecuteJobs, APassRunsTheDueJobsObjectByObjectIntoTheirSamples) {
   Run();
   EXPECT_EQ(host_.LongActions().size(), 4u) << "a job waits its interval, failed or not";
   host_.AdvanceClock(60);
-  Run();
+  pass = Run();
   EXPECT_EQ(host_.LongActions().size(), 5u);
+  host_.AdvanceClock(120);
+  EXPECT_FALSE(host_.IsAlive(pass));
+  EXPECT_TRUE(host_.IsAlive(Run())) << "a pass that timed out lets the next one start";
 }
 
 TEST_F(ExecuteJobs, NumericOutputIsKeptInTenthsWithinTheInt64Range) {

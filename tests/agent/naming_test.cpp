@@ -112,8 +112,17 @@ TEST_F(RegisterMyself, CreatesTheEphemeralNodeThenWatchesIt) {
   size_t calls = host_.Registry().Calls().size();
   Run();
   EXPECT_EQ(host_.Registry().Calls().size(), calls) << "a registered agent does nothing";
-  myself_watcher_fn(nullptr, ZOO_DELETED_EVENT, ZOO_CONNECTED_STATE, "/agents/a7", nullptr);
-  EXPECT_FALSE(RegisterMyselfMachine::m_bRegister);
+  myself_watcher_fn(nullptr, ZOO_CHANGED_EVENT, ZOO_CONNECTED_STATE, "/agents/a7", nullptr);
+  EXPECT_TRUE(RegisterMyselfMachine::m_bRegister) << "the node is still there";
+  for (auto event : {std::make_pair(ZOO_DELETED_EVENT, ZOO_CONNECTED_STATE),
+                     std::make_pair(ZOO_SESSION_EVENT, ZOO_EXPIRED_SESSION_STATE)}) {
+    RegisterMyselfMachine::m_bRegister = true;
+    myself_watcher_fn(nullptr, event.first, event.second, "/agents/a7", nullptr);
+    EXPECT_FALSE(RegisterMyselfMachine::m_bRegister);
+  }
+  RegisterMyselfMachine::m_bRegister = true;
+  conn_callback_myself();
+  EXPECT_FALSE(RegisterMyselfMachine::m_bRegister) << "a new session may have lost the node";
 }
 
 TEST_F(RegisterMyself, FailureAtAnyStepLeavesItUnregisteredAndUnlocked) {
