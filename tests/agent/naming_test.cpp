@@ -103,8 +103,10 @@ TEST_F(RegisterMyself, CreatesTheEphemeralNodeThenWatchesIt) {
     EXPECT_EQ(create.path, "/agents/a7");
     EXPECT_EQ(create.data, AddressBytes("10.1.1.1", 9300));
     EXPECT_EQ(create.flags, ZOO_EPHEMERAL);
+    EXPECT_EQ(host_.Registry().Calls().front().callback, &conn_callback_myself);
     Answer(createResult);
     EXPECT_EQ(host_.Registry().LastCall().command, "get");
+    EXPECT_EQ(host_.Registry().LastCall().watcher, &myself_watcher_fn);
     Answer(ZOK);
     EXPECT_FALSE(host_.IsAlive(id));
     EXPECT_TRUE(RegisterMyselfMachine::m_bRegister);
