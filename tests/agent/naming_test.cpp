@@ -58,12 +58,16 @@ TEST_F(Naming, RegistryHandleIsKeptOnceTheHostHasOne) {
   EXPECT_NE(ei_handle(), nullptr) << "the first handle found is kept";
 }
 
+int g_refreshes = 0;
+
 TEST_F(Naming, RefreshListsEveryNameAndKeepsWhatItCannotLearn) {
   NameContainer* names = NameContainer::Instance();
   names->DefineName("A", "/a");
   names->DefineName("B", "/b");
   names->DefineName("C", "/c");
+  AddInstance("A", "10.0.0.8", 1);  // gone from the listing below
   AddInstance("B", "10.0.0.9", 1);
+  names->SetUpdateHook([] { ++g_refreshes; });
   uint32_t id = host_.Start(new UpdateNamesMachine()).id;
   FakeRegistry& registry = host_.Registry();
   ASSERT_EQ(registry.LastCall().path, "/a");
@@ -78,6 +82,7 @@ TEST_F(Naming, RefreshListsEveryNameAndKeepsWhatItCannotLearn) {
   EXPECT_EQ(names->FindNameValues("A").size(), 1u);
   EXPECT_EQ(names->GetNameValue("A")->port(), 11);
   EXPECT_EQ(names->GetNameValue("B")->ip(), "10.0.0.9");
+  EXPECT_EQ(g_refreshes, 1);
 }
 
 class RegisterMyself : public AgentTest {
