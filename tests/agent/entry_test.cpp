@@ -78,11 +78,12 @@ TEST_F(Entry, EachFrameGoesToTheMachineItNamesOrServesItsType) {
                         {request, kDataInRouted, false}};
   for (const Case& c : cases) {
     TestPeer& peer = host_.Accept("10.0.0.5", 7000);
-    peer.WriteRaw(Frame(c.message) + "\x01");  // the first byte of the next frame stays
+    std::string next(static_cast<size_t>(&c - cases), '\x01');  // the start of a next frame stays
+    peer.WriteRaw(Frame(c.message) + next);
     zelvar::ZMessage* message = nullptr;
     zelvar::StateMachine* machine = nullptr;
     ASSERT_EQ(DataIn(peer, &message, &machine), c.result);
-    EXPECT_EQ(Buffered(peer), 1u);
+    EXPECT_EQ(Buffered(peer), next.size());
     if (c.result != kDataInRouted) continue;
     EXPECT_EQ(message->SerializeAsString(), c.message.SerializeAsString());
     EXPECT_EQ(machine == waiting, c.toWaiting);
@@ -99,6 +100,8 @@ TEST_F(Entry, EachFrameGoesToTheMachineItNamesOrServesItsType) {
   TestPeer& broken = host_.Accept("10.0.0.5", 7000);
   broken.WriteRaw(Prefixed(3, "\xff\xff\xff"));
   EXPECT_EQ(host_.Route(broken), kDataInError);
+  broken.Close();
+  EXPECT_EQ(host_.Route(broken), kDataInError) << "a connection the host no longer knows";
 }
 
 int g_hookCalls = 0;
