@@ -35,11 +35,14 @@ class AgentTest : public ::testing::Test {
     }
     return false;
   }
-  static void AddInstance(const std::string& name, const std::string& ip, int port) {
+  static zelvar::kadri::NameNodeContent Address(const std::string& ip, int port) {
     zelvar::kadri::NameNodeContent content;
     content.set_ip(ip);
     content.set_port(port);
-    NameContainer::Instance()->SetNameValue(name, name + "-" + ip, content);
+    return content;
+  }
+  static void AddInstance(const std::string& name, const std::string& ip, int port) {
+    NameContainer::Instance()->SetNameValue(name, name + "-" + ip, Address(ip, port));
   }
   static zelvar::ZMessage ReplyTo(const zelvar::ZMessage& request, unsigned type) {
     zelvar::ZMessage reply;

@@ -21,24 +21,14 @@ namespace {
 
 using Naming = AgentTest;
 
-std::string AddressBytes(const std::string& ip, int port) {
-  zelvar::kadri::NameNodeContent content;
-  content.set_ip(ip);
-  content.set_port(port);
-  return content.SerializeAsString();
-}
-
 TEST_F(Naming, FirstDefinitionWinsAndInstancesAreSharedByChildKey) {
   NameContainer* names = NameContainer::Instance();
   EXPECT_TRUE(names->DefineName("MASTER", "/a"));
   EXPECT_FALSE(names->DefineName("MASTER", "/b"));
   EXPECT_EQ(names->Names().at("MASTER"), "/a");
-  zelvar::kadri::NameNodeContent first, second;
-  first.set_ip("10.0.0.1");
-  second.set_ip("10.0.0.2");
-  names->SetNameValue("MASTER", "node-1", first);
+  names->SetNameValue("MASTER", "node-1", Address("10.0.0.1", 1));
   const zelvar::kadri::NameNodeContent* kept = names->GetNNCWithName("node-1");
-  names->SetNameValue("OTHER", "node-1", second);  // same child key: the later write wins, in place
+  names->SetNameValue("OTHER", "node-1", Address("10.0.0.2", 1));  // same child key: the later write wins, in place
   EXPECT_EQ(kept, names->GetNNCWithName("node-1"));
   EXPECT_EQ(names->GetNameValue("MASTER")->ip(), "10.0.0.2");
   names->ClearNameValue("MASTER");
@@ -71,7 +61,7 @@ TEST_F(Naming, RefreshListsEveryNameAndKeepsWhatItCannotLearn) {
   uint32_t id = host_.Start(new UpdateNamesMachine()).id;
   FakeRegistry& registry = host_.Registry();
   ASSERT_EQ(registry.LastCall().path, "/a");
-  registry.Answer(registry.LastCall(), 0, {{"a1", AddressBytes("10.0.0.1", 11)}, {"bad", "\xff"}});
+  registry.Answer(registry.LastCall(), 0, {{"a1", Address("10.0.0.1", 11).SerializeAsString()}, {"bad", "\xff"}});
   host_.RunPending();
   ASSERT_EQ(registry.LastCall().path, "/b");
   registry.SetCommandResult("listvalue", ZCONNECTIONLOSS);
@@ -106,7 +96,7 @@ TEST_F(RegisterMyself, CreatesTheEphemeralNodeThenWatchesIt) {
     const RegistryCall& create = host_.Registry().LastCall();
     EXPECT_EQ(create.command, "create");
     EXPECT_EQ(create.path, "/agents/a7");
-    EXPECT_EQ(create.data, AddressBytes("10.1.1.1", 9300));
+    EXPECT_EQ(create.data, Address("10.1.1.1", 9300).SerializeAsString());
     EXPECT_EQ(create.flags, ZOO_EPHEMERAL);
     EXPECT_EQ(host_.Registry().Calls().front().callback, &conn_callback_myself);
     Answer(createResult);
