@@ -67,6 +67,7 @@ TEST_F(UpdateJobs, FetchesWhenAskedElseOnceInAHundredAndOneRunsCountedEvenWithou
   EXPECT_TRUE(Run());
   host_.SetConfig("common", "agentname", "agent-7");
   EXPECT_TRUE(Run());
+  EXPECT_EQ(request_.head().message_type(), UpdateJobsMachine::kRequestType);
   EXPECT_EQ(request_.body().GetExtension(zelvar::ovita2::get_job_request).agent_name(), "agent-7");
 }
 
@@ -176,6 +177,8 @@ TEST_F(Jobs, SenderEmptiesBothQueuesIntoOneRequestEach) {
   zelvar::ZMessage numbers, texts;
   ASSERT_TRUE(host_.Peer("10.4.0.1", 9400).ReadFrame(&numbers));
   ASSERT_TRUE(host_.Peer("10.4.0.1", 9400).ReadFrame(&texts));
+  EXPECT_EQ(numbers.head().message_type(), 61030u);
+  EXPECT_EQ(texts.head().message_type(), 61032u);
   const auto& stats = numbers.body().GetExtension(zelvar::tellar2::record_stats_request).stats();
   ASSERT_EQ(stats.size(), 2);
   EXPECT_EQ(stats[1].name() + std::to_string(stats[1].object_id()) + std::to_string(stats[1].stat_item()) +
