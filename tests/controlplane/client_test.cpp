@@ -1,57 +1,53 @@
-// ovita2ctl run in-process: how rows are shown, which rows, following new
-// ones, and the conversation with an agent played by a loopback server.
-#include "client/client_app.h"
-
-#include <arpa/inet.h>
+// ovita2ctl run in-process: each command's output and exit status, following
+// new rows, and the conversation with an agent played by a loopback thread.
 #include <gtest/gtest.h>
-#include <netinet/in.h>
+#include <poll.h>
 #include <signal.h>
-#include <stdlib.h>
 #include <sys/socket.h>
+#include <stdlib.h>
 #include <time.h>
 #include <unistd.h>
 
-#include <filesystem>
 #include <functional>
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "client/client_app.h"
+#include "local_system.h"
 #include "store_test_support.h"
-#include "store/sample_store.h"
+#include "zelvar/frame.h"
 #include "zelvar/message_util.h"
 #include "zelvar/ovita2.pb.h"
 
 namespace controlplane {
 namespace {
 
+namespace ov = zelvar::ovita2;
 constexpr int64_t kNoon = 1700049600;  // 2023-11-15 12:00:00 UTC
+constexpr int kUsage = -1;              // a usage mistake: the parser's own status, above 2
 
-struct Result {
-  int m_iStatus;
-  std::string m_strOut;
-  std::string m_strErr;
-};
-
-int RunWith(std::vector<std::string> args, std::ostream& out, std::ostream& err) {
+int Ctl(std::vector<std::string> args, std::ostream& out, std::ostream& err) {
   args.insert(args.begin(), "ovita2ctl");
   std::vector<const char*> argv;
   for (const std::string& arg : args) argv.push_back(arg.c_str());
   return RunClient(static_cast<int>(argv.size()), argv.data(), out, err);
 }
 
-Result RunCtl(const std::vector<std::string>& args) {
-  std::ostringstream out;
-  std::ostringstream err;
-  int status = RunWith(args, out, err);
-  return Result{status, out.str(), err.str()};
+struct Outcome {
+  int status;
+  std::string out, err;
+};
+Outcome Ctl(const std::vector<std::string>& args) {
+  std::ostringstream out, err;
+  const int status = Ctl(args, out, err);
+  return {status, out.str(), err.str()};
 }
 
 // An output stream that lets the test act each time the client flushes, which
-// the follower does after every batch: rows stored there arrive "between polls".
+// a follower does after every batch: rows stored then arrive "between polls".
 class FlushHook : public std::stringbuf {
  public:
   explicit FlushHook(std::function<void(int)> onFlush) : m_fnOnFlush(std::move(onFlush)) {}
@@ -67,210 +63,165 @@ class FlushHook : public std::stringbuf {
   int m_iFlushes = 0;
 };
 
-SampleRow Numeric(const std::string& agent, uint32_t objectId, const std::string& name, int64_t tenths) {
-  return NumericRow(agent, objectId, name, tenths, kNoon);
-}
-
-SampleRow Text(const std::string& agent, const std::string& name, const std::string& text) {
-  return TextRow(agent, std::nullopt, name, text, kNoon);
-}
-
-std::vector<nlohmann::json> JsonLines(const std::string& text) {
-  std::vector<nlohmann::json> objects;
-  std::istringstream lines(text);
-  for (std::string line; std::getline(lines, line);) objects.push_back(nlohmann::json::parse(line));
-  return objects;
-}
-
-std::vector<int64_t> Ids(const std::string& jsonLines) {
-  std::vector<int64_t> ids;
-  for (const nlohmann::json& object : JsonLines(jsonLines)) ids.push_back(object.at("id").get<int64_t>());
-  return ids;
-}
-
-class Client : public ::testing::Test {
+class ClientTest : public ::testing::Test {
  protected:
   void SetUp() override {
     setenv("TZ", "UTC", 1);
     tzset();
     unsetenv("OVITA2_DB");
-    std::string error;
-    ASSERT_TRUE(m_sStore.Open(m_strDb, &error)) << error;
+    ASSERT_TRUE(store.Open(db, &error)) << error;
   }
-  void Store(const std::vector<SampleRow>& rows) {
-    std::string error;
-    ASSERT_TRUE(m_sStore.AddSamples(rows, &error)) << error;
-  }
+  void Store(const std::vector<SampleRow>& rows) { ASSERT_TRUE(store.AddSamples(rows, &error)) << error; }
+  SampleRow Load(const std::string& agent, int64_t tenths) { return NumericRow(agent, 1, "load", tenths, kNoon); }
 
-  ScratchDir m_dir;
-  const std::string m_strDb = m_dir.File("cp.db");
-  SampleStore m_sStore;
+  ovita2::testing::TempDir dir;
+  const std::string db = dir.Path() + "/cp.db";
+  SampleStore store;
+  std::string error;
 };
 
-TEST_F(Client, SampleTableShowsTenthsAsDecimalsAndEachTextOnOneLine) {
-  Store({Numeric("web-01", 1, "load", 123), Numeric("web-01", 1, "load", -5), Numeric("db-7", 22, "temp", 0),
-         Text("web-01", "ps", "a\tb\nc\n"), Text("web-01", "motd", "two\n\n")});
-  Result result = RunCtl({"samples", "--db", m_strDb});
-  EXPECT_EQ(result.m_iStatus, 0) << result.m_strErr;
-  EXPECT_EQ(result.m_strOut,
-            "TIME                 AGENT   OBJECT  NAME  VALUE\n"
-            "2023-11-15 12:00:00  web-01  1       load  12.3\n"
-            "2023-11-15 12:00:00  web-01  1       load  -0.5\n"
-            "2023-11-15 12:00:00  db-7    22      temp  0.0\n"
-            "2023-11-15 12:00:00  web-01  -       ps    a\\tb\\nc\n"
-            "2023-11-15 12:00:00  web-01  -       motd  two\\n\n");
-}
-
-TEST_F(Client, SampleJsonLinesCarryTheKindTenthsAndTheExactText) {
-  Store({Numeric("web-01", 1, "load", 123), Text("web-01", "ps", "a\tb\n"), Text("web-01", "raw", "\xff\xfe\n")});
-  Result result = RunCtl({"samples", "--db", m_strDb, "--json"});
-  ASSERT_EQ(result.m_iStatus, 0) << result.m_strErr;
-  std::vector<nlohmann::json> rows = JsonLines(result.m_strOut);
-  ASSERT_EQ(rows.size(), 3u) << "output that is not UTF-8 still gets its line";
-  EXPECT_EQ(result.m_strOut.substr(0, result.m_strOut.find('\n')),
-            R"({"id":1,"received_at":1700049600,"agent":"web-01","kind":"numeric","object_id":1,"name":"load",)"
-            R"("stat_item":1001,"tenths":123,"value":12.3})");
-  EXPECT_EQ(rows[1]["kind"], "text");
-  EXPECT_TRUE(rows[1]["object_id"].is_null());
-  EXPECT_EQ(rows[1]["text"], "a\tb\n");
-  EXPECT_EQ(rows[1]["job_id"], 3);
-  EXPECT_EQ(rows[1]["sample_time"], kNoon - 1);
-  EXPECT_FALSE(rows[1].contains("tenths"));
-}
-
-TEST_F(Client, SampleFiltersAndLimitNarrowTheRowsAndTheDatabaseMayComeFromTheEnvironment) {
-  Store({Numeric("web-01", 1, "load", 1), Numeric("web-01", 2, "load", 2), Numeric("web-02", 1, "load", 3),
-         Numeric("web-01", 1, "disk", 4), Numeric("web-01", 1, "load", 5), Numeric("web-01", 1, "load", 6)});
-  EXPECT_EQ(Ids(RunCtl({"samples", "--db", m_strDb, "--json", "--agent", "web-01", "--object", "1", "--name", "load"})
-                    .m_strOut),
-            (std::vector<int64_t>{1, 5, 6}));
-  EXPECT_EQ(Ids(RunCtl({"samples", "--db", m_strDb, "--json", "--object", "01", "--limit", "2"}).m_strOut),
-            (std::vector<int64_t>{5, 6}))
-      << "a leading zero is still decimal";
-  setenv("OVITA2_DB", m_strDb.c_str(), 1);
-  EXPECT_EQ(Ids(RunCtl({"samples", "--json", "--name", "disk"}).m_strOut), (std::vector<int64_t>{4}));
+TEST_F(ClientTest, ReadingCommandsPrintWhatTheyAskForAndExitWithTheirStatus) {
+  Store({TextRow("odd", "raw", "\xff\xfe\n", kNoon), NumericRow("web-01", 1, "load", 123, kNoon),
+         NumericRow("web-01", 1, "load", -5, kNoon), NumericRow("db-7", 22, "temp", 0, kNoon),
+         TextRow("web-01", "ps", "a\tb\nc\n", kNoon), TextRow("web-01", "motd", "two\n\n", kNoon)});
+  ASSERT_TRUE(store.TouchAgent("web-02", "", "", kNoon, &error));
+  ASSERT_TRUE(store.RecordHeartbeat("web-01", "10.0.0.1", kNoon + 61, "2.1.0", 4, &error));
+  for (const char* agent : {"web-01", "web-02", "web-01"}) ASSERT_TRUE(store.AddRealTimeLine(agent, kNoon, agent, &error));
+  const std::string nowhere = dir.Path() + "/nowhere.db";
+  setenv("OVITA2_DB", db.c_str(), 1);
+  struct Case {
+    std::vector<std::string> args;
+    int status;
+    std::string out;
+    std::string err;  // its start
+  };
+  const std::vector<Case> cases = {
+      {{"samples", "--db", db, "--limit", "5"}, 0,
+       "TIME                 AGENT   OBJECT  NAME  VALUE\n"
+       "2023-11-15 12:00:00  web-01  1       load  12.3\n"
+       "2023-11-15 12:00:00  web-01  1       load  -0.5\n"
+       "2023-11-15 12:00:00  db-7    22      temp  0.0\n"
+       "2023-11-15 12:00:00  web-01  -       ps    a\\tb\\nc\n"
+       "2023-11-15 12:00:00  web-01  -       motd  two\\n\n", ""},
+      {{"samples", "--json", "--agent", "web-01", "--object", "01", "--limit", "1"}, 0,
+       R"({"id":3,"received_at":1700049600,"agent":"web-01","kind":"numeric","object_id":1,"name":"load",)"
+       R"("stat_item":1001,"tenths":-5,"value":-0.5})" "\n", ""},
+      {{"samples", "--json", "--name", "ps"}, 0,
+       R"({"id":5,"received_at":1700049600,"agent":"web-01","kind":"text","object_id":null,"name":"ps",)"
+       R"("job_id":3,"text":"a\tb\nc\n","sample_time":1700049599})" "\n", ""},
+      {{"samples", "--json", "--name", "raw"}, 0,
+       R"({"id":1,"received_at":1700049600,"agent":"odd","kind":"text","object_id":null,"name":"raw",)"
+       "\"job_id\":3,\"text\":\"\xef\xbf\xbd\xef\xbf\xbd\\n\",\"sample_time\":1700049599}\n", ""},
+      {{"agents", "--db", db}, 0,
+       "NAME    LAST HEARTBEAT       VERSION  JOBS  LAST SEEN            ADDRESS   NODE PATH\n"
+       "web-01  2023-11-15 12:01:01  2.1.0    4     2023-11-15 12:01:01  10.0.0.1  -\n"
+       "web-02  never                -        0     2023-11-15 12:00:00  -         -\n", ""},
+      {{"agents", "--json"}, 0,
+       R"({"name":"web-01","last_heartbeat":1700049661,"version":"2.1.0","job_count":4,"last_seen":1700049661,)"
+       R"("first_seen":1700049661,"address":"10.0.0.1","node_path":""})" "\n"
+       R"({"name":"web-02","last_heartbeat":null,"version":"","job_count":0,"last_seen":1700049600,)"
+       R"("first_seen":1700049600,"address":"","node_path":""})" "\n", ""},
+      {{"lines", "--agent", "web-01", "--limit", "1", "--json"}, 0,
+       R"({"id":3,"received_at":1700049600,"agent":"web-01","line":"web-01"})" "\n", ""},
+      {{"samples", "--db", nowhere}, 2, "", nowhere + ": no such database (the control plane creates it"},
+      {{"agents", "--db", dir.Path()}, 2, "", dir.Path() + ": cannot open the database"},
+      {{"samples", "--object", "4294967296"}, kUsage, "", "--object: '4294967296' is larger than 4294967295"},
+      {{"samples", "--limit", "-1"}, kUsage, "", "--limit: '-1' is not an unsigned decimal number"},
+      {{"follow", "--interval", "soon"}, kUsage, "", "--interval: 'soon' is not a number of seconds from 0 to 3600"},
+      {{"enable", "[::1]7300", "7"}, kUsage, "", "ADDRESS: "},
+      {{}, kUsage, "", "A subcommand is required"},
+  };
+  for (const Case& c : cases) {
+    const Outcome outcome = Ctl(c.args);
+    if (c.status == kUsage) {
+      EXPECT_GT(outcome.status, 2) << outcome.err;
+    } else {
+      EXPECT_EQ(outcome.status, c.status) << outcome.err;
+    }
+    EXPECT_EQ(outcome.out, c.out);
+    EXPECT_EQ(outcome.err.substr(0, c.err.size()), c.err);
+  }
   unsetenv("OVITA2_DB");
-
-  Result missing = RunCtl({"samples", "--db", m_dir.File("nowhere.db")});
-  EXPECT_EQ(missing.m_iStatus, 2);
-  EXPECT_EQ(missing.m_strOut, "");
-  EXPECT_EQ(missing.m_strErr.rfind(m_dir.File("nowhere.db") + ": no such database", 0), 0u) << missing.m_strErr;
-  Result usage = RunCtl({"samples", "--db", m_strDb, "--object", "4294967296"});
-  EXPECT_NE(usage.m_iStatus, 0);
-  EXPECT_GT(usage.m_iStatus, 2) << "a usage mistake has the parser's own status";
-  EXPECT_NE(usage.m_strErr.find("4294967296"), std::string::npos) << usage.m_strErr;
 }
 
-TEST_F(Client, AgentsShowNeverForAnAgentThatSentNoHeartbeat) {
-  std::string error;
-  ASSERT_TRUE(m_sStore.TouchAgent("web-02", "", "", kNoon, &error)) << error;
-  ASSERT_TRUE(m_sStore.RecordHeartbeat("web-01", "10.0.0.1", kNoon + 61, "2.1.0", 4, &error)) << error;
-  Result table = RunCtl({"agents", "--db", m_strDb});
-  EXPECT_EQ(table.m_iStatus, 0) << table.m_strErr;
-  EXPECT_EQ(table.m_strOut,
-            "NAME    LAST HEARTBEAT       VERSION  JOBS  LAST SEEN            ADDRESS   NODE PATH\n"
-            "web-01  2023-11-15 12:01:01  2.1.0    4     2023-11-15 12:01:01  10.0.0.1  -\n"
-            "web-02  never                -        0     2023-11-15 12:00:00  -         -\n");
-  std::vector<nlohmann::json> json = JsonLines(RunCtl({"agents", "--db", m_strDb, "--json"}).m_strOut);
-  ASSERT_EQ(json.size(), 2u);
-  EXPECT_EQ(json[0]["last_heartbeat"], kNoon + 61);
-  EXPECT_TRUE(json[1]["last_heartbeat"].is_null());
-}
-
-TEST_F(Client, FollowPrintsRowsAddedBetweenPollsExactlyOnce) {
-  Store({Numeric("web-01", 1, "load", 1), Numeric("web-01", 1, "load", 2), Numeric("web-01", 1, "load", 3)});
+TEST_F(ClientTest, FollowPrintsEachNewRowOnceAndNothingStoredBeforeItStarted) {
+  Store({Load("web-01", 1), Load("web-01", 2), Load("web-01", 3)});
   FlushHook hook([this](int flush) {
-    if (flush == 1) Store({Numeric("web-01", 1, "load", 4), Numeric("web-02", 1, "load", 5),
-                           Numeric("web-01", 1, "load", 6)});
-    if (flush == 2) Store({Numeric("web-01", 1, "load", 7)});
+    if (flush == 1) Store({Load("web-01", 4), Load("web-02", 5), Load("web-01", 6)});
+    if (flush == 2) Store({Load("web-01", 7)});
   });
   std::ostream out(&hook);
   std::ostringstream err;
-  int status = RunWith({"follow", "--db", m_strDb, "--agent", "web-01", "--last", "2", "--interval", "0",
-                        "--polls", "4", "--json"},
-                       out, err);
-  EXPECT_EQ(status, 0) << err.str();
-  EXPECT_EQ(Ids(hook.str()), (std::vector<int64_t>{2, 3, 4, 6, 7}));
-}
+  const std::vector<std::string> follow = {"follow", "--db", db, "--interval", "0", "--polls", "4", "--json"};
+  std::vector<std::string> args = follow;
+  args.insert(args.end(), {"--agent", "web-01", "--last", "2"});
+  EXPECT_EQ(Ctl(args, out, err), 0) << err.str();
+  std::vector<int64_t> ids;
+  std::istringstream lines(hook.str());
+  for (std::string line; std::getline(lines, line);) ids.push_back(std::stoll(line.substr(line.find(':') + 1)));
+  EXPECT_EQ(ids, (std::vector<int64_t>{2, 3, 4, 6, 7}));
 
-TEST_F(Client, FollowFromLastZeroShowsOnlyWhatArrivesAfterItStarts) {
-  Store({Numeric("web-02", 1, "load", 1)});
-  FlushHook hook([this](int flush) {
-    if (flush == 1) Store({Numeric("web-01", 1, "load", 2)});
+  // With --last 0, rows stored before the start stay unseen even past the filter.
+  FlushHook later([this](int flush) {
+    if (flush == 1) Store({Load("web-01", 9)});
   });
-  std::ostream out(&hook);
-  std::ostringstream err;
-  EXPECT_EQ(RunWith({"follow", "--db", m_strDb, "--last", "0", "--interval", "0", "--polls", "2", "--json"}, out, err),
-            0);
-  EXPECT_EQ(Ids(hook.str()), (std::vector<int64_t>{2})) << "--last 0 shows nothing of what was there before";
+  std::ostream laterOut(&later);
+  args = follow;
+  args.insert(args.end(), {"--agent", "web-02", "--last", "0"});
+  EXPECT_EQ(Ctl(args, laterOut, err), 0);
+  EXPECT_EQ(later.str(), "");
 }
 
-TEST_F(Client, FollowEndsCleanlyOnInterrupt) {
-  FlushHook hook([](int) { raise(SIGINT); });
-  std::ostream out(&hook);
+TEST_F(ClientTest, FollowEndsCleanlyOnInterruptAndWaitsForADatabaseNotYetCreated) {
+  FlushHook interrupt([](int) { raise(SIGINT); });
+  std::ostream out(&interrupt);
   std::ostringstream err;
-  EXPECT_EQ(RunWith({"follow", "--db", m_strDb, "--interval", "0"}, out, err), 0) << err.str();
-  EXPECT_EQ(hook.str(), "") << "the header waits for the first rows, so that it stands right above them";
+  EXPECT_EQ(Ctl({"follow", "--db", db, "--interval", "0"}, out, err), 0) << err.str();
   struct sigaction now {};
   sigaction(SIGINT, nullptr, &now);
   EXPECT_EQ(now.sa_handler, SIG_DFL) << "the interrupt handler is the follower's only while it runs";
-}
 
-TEST_F(Client, FollowWaitsForTheDatabaseAndSaysSoOnce) {
-  const std::string later = m_dir.File("later.db");
+  const std::string later = dir.Path() + "/later.db";
   SampleStore created;
-  FlushHook errHook([&](int flush) {
-    if (flush != 1) return;
-    std::string error;
-    ASSERT_TRUE(created.Open(later, &error)) << error;
-    ASSERT_TRUE(created.AddRealTimeLine("web-01", kNoon, "started\n", &error)) << error;
+  FlushHook waiting([&](int flush) {
+    if (flush == 1) {
+      ASSERT_TRUE(created.Open(later, &error)) << error;
+      ASSERT_TRUE(created.AddRealTimeLine("web-01", kNoon, "started\n", &error)) << error;
+    }
   });
-  std::ostringstream out;
-  std::ostream err(&errHook);
-  int status = RunWith({"lines", "--db", later, "--follow", "--interval", "0", "--polls", "3"}, out, err);
-  EXPECT_EQ(status, 0) << errHook.str();
-  EXPECT_EQ(errHook.str(),
-            later + ": no such database (the control plane creates it when it starts); waiting for it\n");
-  EXPECT_EQ(out.str(), "TIME                 AGENT   LINE\n2023-11-15 12:00:00  web-01  started\n");
-
-  Result gone = RunCtl({"follow", "--db", m_dir.File("never.db"), "--interval", "0", "--polls", "2"});
-  EXPECT_EQ(gone.m_iStatus, 0);
-  EXPECT_EQ(gone.m_strOut, "");
+  std::ostringstream lines;
+  std::ostream waitingErr(&waiting);
+  EXPECT_EQ(Ctl({"lines", "--db", later, "--follow", "--interval", "0", "--polls", "3"}, lines, waitingErr), 0);
+  EXPECT_EQ(waiting.str(), later + ": no such database (the control plane creates it when it starts); waiting for it\n");
+  EXPECT_EQ(lines.str(), "TIME                 AGENT   LINE\n2023-11-15 12:00:00  web-01  started\n");
 }
 
-TEST_F(Client, LinesAreFilteredByAgentOldestFirst) {
-  std::string error;
-  for (const char* agent : {"web-01", "web-02", "web-01", "web-01"}) {
-    ASSERT_TRUE(m_sStore.AddRealTimeLine(agent, kNoon, std::string("from ") + agent, &error)) << error;
-  }
-  Result result = RunCtl({"lines", "--db", m_strDb, "--agent", "web-01", "--limit", "2", "--json"});
-  EXPECT_EQ(result.m_iStatus, 0) << result.m_strErr;
-  EXPECT_EQ(result.m_strOut, "{\"id\":3,\"received_at\":1700049600,\"agent\":\"web-01\",\"line\":\"from web-01\"}\n"
-                             "{\"id\":4,\"received_at\":1700049600,\"agent\":\"web-01\",\"line\":\"from web-01\"}\n");
-}
-
-// Plays an agent for one connection: reads one request frame and answers it
-// with what `answer` makes of it, or closes when that is nothing.
+// Plays an agent for one connection: reads one request and answers it with
+// what `answer` makes of it, or closes when that is nothing.
 class OneShotAgent {
  public:
-  explicit OneShotAgent(std::function<std::optional<zelvar::ZMessage>(const zelvar::ZMessage&)> answer)
-      : m_fnAnswer(std::move(answer)) {
-    m_iListener = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof(address);
-    bind(m_iListener, reinterpret_cast<sockaddr*>(&address), length);
-    listen(m_iListener, 1);
-    getsockname(m_iListener, reinterpret_cast<sockaddr*>(&address), &length);
-    m_strAddress = "127.0.0.1:" + std::to_string(ntohs(address.sin_port));
-    m_thread = std::thread([this] { Serve(); });
+  using Answer = std::function<std::optional<zelvar::ZMessage>(const zelvar::ZMessage&)>;
+  explicit OneShotAgent(Answer answer) : m_iListener(ovita2::testing::ListenLoopback(&m_iPort)) {
+    m_thread = std::thread([this, answer] {
+      const int fd = accept(m_iListener, nullptr, nullptr);
+      std::string input;
+      pollfd readable{fd, POLLIN, 0};
+      while (poll(&readable, 1, 5000) > 0 && ovita2::testing::ReadAvailable(fd, &input) &&
+             (input.size() < zelvar::kFramePrefixSize ||
+              input.size() < zelvar::kFramePrefixSize +
+                                 zelvar::FrameBodyLength(reinterpret_cast<const unsigned char*>(input.data())))) {
+      }
+      if (m_request.ParseFromString(input.substr(zelvar::kFramePrefixSize))) {
+        if (auto reply = answer(m_request)) ovita2::testing::SendAll(fd, zelvar::EncodeFrame(*reply));
+      }
+      close(fd);
+    });
   }
   ~OneShotAgent() {
-    if (m_thread.joinable()) m_thread.join();
+    Request();
     close(m_iListener);
   }
-  const std::string& Address() const { return m_strAddress; }
+  std::string Address() const { return "127.0.0.1:" + std::to_string(m_iPort); }
   // What the client sent, once the conversation is over.
   const zelvar::ZMessage& Request() {
     if (m_thread.joinable()) m_thread.join();
@@ -278,107 +229,57 @@ class OneShotAgent {
   }
 
  private:
-  static bool ReadAll(int fd, char* buffer, size_t size) {
-    for (size_t got = 0; got < size;) {
-      ssize_t read = recv(fd, buffer + got, size - got, 0);
-      if (read <= 0) return false;
-      got += static_cast<size_t>(read);
-    }
-    return true;
-  }
-  void Serve() {
-    int fd = accept(m_iListener, nullptr, nullptr);
-    unsigned char header[4];
-    if (ReadAll(fd, reinterpret_cast<char*>(header), 4)) {
-      std::string body((size_t{header[0]} << 24) | (size_t{header[1]} << 16) | (size_t{header[2]} << 8) | header[3],
-                       '\0');
-      if (ReadAll(fd, body.data(), body.size()) && m_request.ParseFromString(body)) {
-        if (std::optional<zelvar::ZMessage> answer = m_fnAnswer(m_request)) {
-          std::string bytes = answer->SerializeAsString();
-          const auto size = static_cast<uint32_t>(bytes.size());
-          bytes.insert(0, std::string{static_cast<char>(size >> 24), static_cast<char>(size >> 16),
-                                      static_cast<char>(size >> 8), static_cast<char>(size)});
-          send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-        }
-      }
-    }
-    close(fd);
-  }
-
-  std::function<std::optional<zelvar::ZMessage>(const zelvar::ZMessage&)> m_fnAnswer;
-  int m_iListener = -1;
-  std::string m_strAddress;
+  int m_iPort = 0;
+  int m_iListener;
   zelvar::ZMessage m_request;
   std::thread m_thread;
 };
 
-std::function<std::optional<zelvar::ZMessage>(const zelvar::ZMessage&)> AnswerWith(int type, int32_t code,
-                                                                                   const std::string& message) {
+OneShotAgent::Answer AnswerWith(int type, int32_t code, const std::string& message) {
   return [=](const zelvar::ZMessage& request) -> std::optional<zelvar::ZMessage> {
     zelvar::ZMessage answer;
     zelvar::MakeResponse(request, type, &answer);
-    zelvar::ResponseCode* rc =
-        answer.mutable_body()->MutableExtension(zelvar::ovita2::enable_real_time_monitor_response)->mutable_rc();
+    auto* rc = answer.mutable_body()->MutableExtension(ov::enable_real_time_monitor_response)->mutable_rc();
     rc->set_code(code);
     rc->set_msg(message);
     return answer;
   };
 }
 
-TEST(ClientSwitch, EnableAndDisableSayWhatTheAgentAnswered) {
-  OneShotAgent agrees(AnswerWith(zelvar::ovita2::ENABLE_REAL_TIME_MONITOR_RESPONSE, 0, ""));
-  Result enabled = RunCtl({"enable", agrees.Address(), "7"});
-  EXPECT_EQ(enabled.m_iStatus, 0) << enabled.m_strErr;
-  EXPECT_EQ(enabled.m_strOut, "item 7 enabled\n");
-  const zelvar::ZMessage& asked = agrees.Request();
-  EXPECT_EQ(asked.head().message_type(), 66012u);
-  EXPECT_EQ(asked.head().kind(), zelvar::kKindRequest);
-  EXPECT_EQ(asked.head().session().size(), 36u);
-  const auto& body = asked.body().GetExtension(zelvar::ovita2::enable_real_time_monitor_request);
-  EXPECT_EQ(body.item_id(), 7u);
-  EXPECT_EQ(body.operation(), 0u);
-
-  OneShotAgent refuses(AnswerWith(zelvar::ovita2::ENABLE_REAL_TIME_MONITOR_RESPONSE, -64190,
-                                  "the item has not been set real_time_monitor"));
-  Result refused = RunCtl({"disable", refuses.Address(), "4294967295"});
-  EXPECT_EQ(refused.m_iStatus, 1);
-  EXPECT_EQ(refused.m_strErr,
-            "item 4294967295: the agent refused: -64190 the item has not been set real_time_monitor\n");
-  EXPECT_EQ(refuses.Request().body().GetExtension(zelvar::ovita2::enable_real_time_monitor_request).operation(), 1u);
-}
-
-TEST(ClientSwitch, AnAgentThatCannotBeReachedOrDoesNotAnswerProperlyIsARuntimeError) {
-  OneShotAgent silent([](const zelvar::ZMessage&) { return std::nullopt; });
-  Result closed = RunCtl({"enable", silent.Address(), "7"});
-  EXPECT_EQ(closed.m_iStatus, 2);
-  EXPECT_EQ(closed.m_strErr, silent.Address() + " closed the connection without answering\n");
-
-  OneShotAgent confused(AnswerWith(zelvar::ovita2::GET_AGGREGATION_RESPONSE, 0, ""));
-  Result wrongType = RunCtl({"enable", confused.Address(), "7"});
-  EXPECT_EQ(wrongType.m_iStatus, 2);
-  EXPECT_NE(wrongType.m_strErr.find(confused.Address() + " answered with a message of type 66001"), std::string::npos)
-      << wrongType.m_strErr;
-  EXPECT_EQ(wrongType.m_strOut, "");
-
-  int probe = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof(address);
-  bind(probe, reinterpret_cast<sockaddr*>(&address), length);
-  getsockname(probe, reinterpret_cast<sockaddr*>(&address), &length);
-  close(probe);  // nothing listens there now
-  const std::string nobody = "127.0.0.1:" + std::to_string(ntohs(address.sin_port));
-  Result refused = RunCtl({"enable", nobody, "7", "--timeout", "2"});
-  EXPECT_EQ(refused.m_iStatus, 2);
-  EXPECT_EQ(refused.m_strErr.rfind(nobody + ": cannot connect", 0), 0u) << refused.m_strErr;
-
-  for (const char* bad : {"127.0.0.1", "localhost:7300", "[::1]7300", "127.0.0.1:70000"}) {
-    Result usage = RunCtl({"enable", bad, "7"});
-    EXPECT_GT(usage.m_iStatus, 2) << bad;
-    EXPECT_NE(usage.m_strErr.find(bad), std::string::npos) << usage.m_strErr;
+TEST(ClientSwitch, EnableAndDisableSayWhatTheAgentAnsweredInTheirStatus) {
+  struct Case {
+    std::string command, item;
+    OneShotAgent::Answer answer;
+    int status;
+    std::string out, err;  // $ stands for the agent's address
+  };
+  const std::vector<Case> cases = {
+      {"enable", "7", AnswerWith(ov::ENABLE_REAL_TIME_MONITOR_RESPONSE, 0, ""), 0, "item 7 enabled\n", ""},
+      {"disable", "4294967295", AnswerWith(ov::ENABLE_REAL_TIME_MONITOR_RESPONSE, -64190, "not monitored"), 1, "",
+       "item 4294967295: the agent refused: -64190 not monitored\n"},
+      {"enable", "7", [](const zelvar::ZMessage&) { return std::nullopt; }, 2, "",
+       "$ closed the connection without answering\n"},
+      {"enable", "7", AnswerWith(ov::GET_AGGREGATION_RESPONSE, 0, ""), 2, "", "$ answered with a message of type 66001"},
+  };
+  for (const Case& c : cases) {
+    OneShotAgent agent(c.answer);
+    const Outcome outcome = Ctl({c.command, agent.Address(), c.item});
+    EXPECT_EQ(outcome.status, c.status) << outcome.err;
+    EXPECT_EQ(outcome.out, c.out);
+    std::string err = c.err;
+    if (!err.empty() && err[0] == '$') err.replace(0, 1, agent.Address());
+    EXPECT_EQ(outcome.err.substr(0, err.size()), err);
+    const zelvar::ZMessage& asked = agent.Request();
+    EXPECT_EQ(asked.head().message_type(), unsigned{ov::ENABLE_REAL_TIME_MONITOR_REQUEST});
+    EXPECT_EQ(asked.head().kind(), zelvar::kKindRequest);
+    const auto& body = asked.body().GetExtension(ov::enable_real_time_monitor_request);
+    EXPECT_EQ(std::to_string(body.item_id()), c.item);
+    EXPECT_EQ(body.operation(), c.command == "enable" ? 0u : 1u);
   }
-  EXPECT_GT(RunCtl({"enable", "[::1]:7300", "4294967296"}).m_iStatus, 2);
+  const std::string nobody = "127.0.0.1:" + std::to_string(ovita2::testing::FreeLoopbackPort());
+  const Outcome refused = Ctl({"enable", nobody, "7", "--timeout", "2"});
+  EXPECT_EQ(refused.status, 2);
+  EXPECT_EQ(refused.err.rfind(nobody + ": cannot connect", 0), 0u) << refused.err;
 }
 
 }  // namespace

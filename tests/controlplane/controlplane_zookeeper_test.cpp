@@ -7,7 +7,7 @@
 #include <string>
 
 #include "host.h"
-#include "test_support.h"
+#include "local_system.h"
 #include "zelvar/kadri.pb.h"
 #include "zk_test_client.h"
 #include "zookeeper_test_server.h"
@@ -30,9 +30,8 @@ TEST(ControlPlaneZooKeeper, RegistersItsEndpointAsEphemeralNodesAndAgainWhenOneV
   ZkTestClient outside;
   ASSERT_TRUE(outside.Connect(server.Address()));
 
-  host_test::TempDir dir;
-  int port = 0;
-  close(host_test::ListenLoopback(&port));
+  ovita2::testing::TempDir dir;
+  const int port = ovita2::testing::FreeLoopbackPort();
   dir.Write("jobs.yaml", "agents: {}\n");
   std::string config = dir.Write(
       "cp.ini", "[host]\nlog_file = host.log\nlog_level = 2\n"
@@ -44,7 +43,7 @@ TEST(ControlPlaneZooKeeper, RegistersItsEndpointAsEphemeralNodesAndAgainWhenOneV
                     "master_path = /fleet/names/MASTER\n");
   zelvar_host::Host host;
   ASSERT_TRUE(host.Init(config, &error)) << error;
-  auto log = [&] { return host_test::ReadFile(dir.Path() + "/host.log"); };
+  auto log = [&] { return ovita2::testing::ReadFile(dir.Path() + "/host.log"); };
   auto registered = [&](const std::string& node) { return Count(log(), "controlplane: registered " + node); };
   ASSERT_TRUE(host.RunUntil(
       [&] { return registered("/fleet/names/MASTER/cp-z") == 1 && registered("/ovita2/names/TELLAR2_ACCESS/cp-z") == 1; },
