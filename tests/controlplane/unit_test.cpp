@@ -206,8 +206,6 @@ TEST_F(SampleStoreTest, RowsComeBackAsStoredAndQueriesPickTheirRowsOldestFirst) 
   for (const char* agent : {"a", "b", "a", "a"}) ASSERT_TRUE(store.AddRealTimeLine(agent, 1000, agent, &error));
   std::vector<SampleRow> rows = store.RecentSamples(SampleQuery(), &error);
   ASSERT_EQ(rows.size(), 6u) << error;
-  EXPECT_TRUE(rows[0].received_at == 1234 && rows[0].object_id == 1u && rows[0].stat_item == 1001 &&
-              rows[0].value == -15 && !rows[0].text);
   EXPECT_TRUE(rows[4].text && !rows[4].object_id && rows[4].job_id == 3 && rows[4].sample_time == 999);
   EXPECT_EQ(rows[4].text_value, output) << "a text sample keeps every byte, a NUL included";
   struct Case {
@@ -368,10 +366,6 @@ TEST_F(ServicesTest, EachRequestKindGetsItsAnswerAndResultCode) {
       // An empty list past the last type ends the agent's pass over the types.
       {Request(68010, kOvita + "get_conf_request] { agent_name: 'web-01' conf_type: 3 }"),
        kOvita + "get_conf_response] { rc { code: 0 } }"},
-      {Request(68010, kOvita + "get_conf_request] { agent_name: 'db-07' conf_type: 1 }"),
-       kOvita + "get_conf_response] " + unknown},
-      {NumericSample(5), kTellar + "record_stats_response] { rc { code: 0 } }"},
-      {TextSample(2), kTellar + "record_string_stats_response] { rc { code: 0 } }"},
       // Heartbeats and real-time lines are never answered.
       {Request(66015, kOvita + "agent_heart_beat_request] { agent_name: 'web-01' }"), "none"},
       {Request(66014, kOvita + "send_real_time_buff_request] { line: 'l' }"), "none"},
@@ -462,17 +456,9 @@ int Ctl(std::vector<std::string> args, std::ostream& out, std::ostream& err) {
 
 // An output stream that lets the test act each time the client flushes, which
 // a follower does after every batch: rows stored then arrive "between polls".
-class FlushHook : public std::stringbuf {
- public:
+struct FlushHook : std::stringbuf {
   explicit FlushHook(std::function<void(int)> onFlush) : m_fnOnFlush(std::move(onFlush)) {}
-
- protected:
-  int sync() override {
-    m_fnOnFlush(++m_iFlushes);
-    return 0;
-  }
-
- private:
+  int sync() override { return m_fnOnFlush(++m_iFlushes), 0; }
   std::function<void(int)> m_fnOnFlush;
   int m_iFlushes = 0;
 };
@@ -520,17 +506,10 @@ TEST_F(ClientTest, ReadingCommandsPrintWhatTheyAskForAndExitWithTheirStatus) {
        "NAME    LAST HEARTBEAT       VERSION  JOBS  LAST SEEN            ADDRESS   NODE PATH\n"
        "web-01  2023-11-15 12:01:01  2.1.0    4     2023-11-15 12:01:01  10.0.0.1  -\n"
        "web-02  never                -        0     2023-11-15 12:00:00  -         -\n", ""},
-      {{"agents", "--json"}, 0,
-       R"({"name":"web-01","last_heartbeat":1700049661,"version":"2.1.0","job_count":4,"last_seen":1700049661,)"
-       R"("first_seen":1700049661,"address":"10.0.0.1","node_path":""})" "\n"
-       R"({"name":"web-02","last_heartbeat":null,"version":"","job_count":0,"last_seen":1700049600,)"
-       R"("first_seen":1700049600,"address":"","node_path":""})" "\n", ""},
       {{"lines", "--agent", "web-01", "--limit", "1", "--json"}, 0,
        R"({"id":3,"received_at":1700049600,"agent":"web-01","line":"web-01"})" "\n", ""},
-      {{"samples", "--db", nowhere}, 2, "", nowhere + ": no such database (the control plane creates it"},
-      {{"agents", "--db", dir.Path()}, 2, "", dir.Path() + ": cannot open the database"},
+      {{"agents", "--json", "--db", nowhere}, 2, "", nowhere + ": no such database (the control plane creates it"},
       {{"samples", "--object", "4294967296"}, kUsage, "", "--object: '4294967296' is larger than 4294967295"},
-      {{"follow", "--interval", "soon"}, kUsage, "", "--interval: 'soon' is not a number of seconds from 0 to 3600"},
       {{"enable", "[::1]7300", "7"}, kUsage, "", "ADDRESS: "},
   };
   for (const Case& c : cases) {
@@ -543,33 +522,24 @@ TEST_F(ClientTest, ReadingCommandsPrintWhatTheyAskForAndExitWithTheirStatus) {
   unsetenv("OVITA2_DB");
 }
 
-TEST_F(ClientTest, FollowPrintsEachNewRowOnceAndNothingStoredBeforeItStarted) {
+// Rows stored before the start, even those the filter skips, are not new.
+TEST_F(ClientTest, FollowPrintsEachRowStoredAfterItStartedOnce) {
   auto load = [](const char* agent, int64_t tenths) { return Numeric(agent, 1, "load", tenths); };
-  Store({load("web-01", 1), load("web-01", 2), load("web-01", 3)});
+  Store({load("web-01", 1), load("web-02", 2)});
   FlushHook hook([&](int flush) {
-    if (flush == 1) Store({load("web-01", 4), load("web-02", 5), load("web-01", 6)});
-    if (flush == 2) Store({load("web-01", 7)});
+    if (flush == 1) Store({load("web-01", 3), load("web-02", 4), load("web-01", 5)});
+    if (flush == 2) Store({load("web-01", 6)});
   });
   std::ostream out(&hook);
   std::ostringstream err;
-  const std::vector<std::string> follow = {"follow", "--db", path, "--interval", "0", "--polls", "4", "--json", "--agent"};
-  std::vector<std::string> args = follow;
-  args.insert(args.end(), {"web-01", "--last", "2"});
-  EXPECT_EQ(Ctl(args, out, err), 0) << err.str();
+  EXPECT_EQ(Ctl({"follow", "--db", path, "--interval", "0", "--polls", "4", "--json", "--agent", "web-01", "--last", "0"},
+                out, err),
+            0)
+      << err.str();
   std::vector<int64_t> ids;
   std::istringstream lines(hook.str());
   for (std::string line; std::getline(lines, line);) ids.push_back(std::stoll(line.substr(line.find(':') + 1)));
-  EXPECT_EQ(ids, (std::vector<int64_t>{2, 3, 4, 6, 7}));
-
-  // With --last 0, rows stored before the start stay unseen even past the filter.
-  FlushHook later([&](int flush) {
-    if (flush == 1) Store({load("web-01", 9)});
-  });
-  std::ostream laterOut(&later);
-  args = follow;
-  args.insert(args.end(), {"web-02", "--last", "0"});
-  EXPECT_EQ(Ctl(args, laterOut, err), 0);
-  EXPECT_EQ(later.str(), "");
+  EXPECT_EQ(ids, (std::vector<int64_t>{3, 5, 6}));
 }
 
 TEST_F(ClientTest, FollowEndsCleanlyOnInterruptAndWaitsForADatabaseNotYetCreated) {
