@@ -88,7 +88,8 @@ TEST(JobCatalogue, EachMistakeIsReportedWithItsLineAndColumn) {
       {WithJob(job + "interval: \"10\""), "9:23: " + uint32 + "the quoted text \"10\" (drop the quotes)"},
       {WithJob(job + "interval: 0"), "9:23: job field \"interval\" must be at least 1, not 0"},
       {WithJob(job + "interval: 5\ninterval: 6"), "10:13: job field \"interval\" is given twice (first at line 9)"},
-      {WithJob("job_id: 3\ninterval: 5\nstat_key: k"), "6:13: job 3 of object 1 of agent \"web-01\" has no \"command\""},
+      {WithJob("job_id: 3\ninterval: 5\nstat_key: k"),
+       "6:13: job 3 of object 1 of agent \"web-01\" has no \"command\""},
       {WithJob("job_id: 3\ninterval: 5\ncommand: ''\nstat_key: k"), "8:22: job field \"command\" must not be empty"},
       {WithJob(job + "interval: 5\ndescription:"), "10:13: job field \"description\" has no value (write \"\" for"},
       {WithJob(job + "interval: 5\ncommand_args: {a: 1}"), "10:27: job field \"command_args\" must be text, not a map"},
@@ -148,7 +149,9 @@ TEST(DemoJobsFile, LoadsAndEveryCommandPrintsOneValue) {
     std::FILE* pipe = popen(job.command().c_str(), "r");
     std::string output;
     char buffer[256];
-    for (size_t got; pipe != nullptr && (got = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;) output.append(buffer, got);
+    for (size_t got; pipe != nullptr && (got = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;) {
+      output.append(buffer, got);
+    }
     EXPECT_EQ(pipe != nullptr ? pclose(pipe) : -1, 0) << job.command();
     EXPECT_TRUE(std::regex_match(output, std::regex(job.string_value() == 1 ? "[^\n]+\n" : "[0-9]+(\\.[0-9]+)?\n")))
         << job.stat_key() << ": \"" << output << "\" from " << job.command();
@@ -198,10 +201,10 @@ TEST_F(SampleStoreTest, AWriteThatFailsPartWayKeepsNothing) {
 
 TEST_F(SampleStoreTest, RowsComeBackAsStoredAndQueriesPickTheirRowsOldestFirst) {
   const std::string output("line one\n\tsecond\0after nul\n", 27);
-  ASSERT_TRUE(store.AddSamples({Numeric("web-01", 1, "load", -15, 1234), Numeric("web-01", 2, "load", 2),
-                                Numeric("web-02", 1, "load", 3), Numeric("web-01", 1, "disk", 4),
-                                Text("web-01", "load", output), Numeric("web-01", 0, "load", 6)},
-                               &error))
+  ASSERT_TRUE(store.AddSamples(
+      {Numeric("web-01", 1, "load", -15, 1234), Numeric("web-01", 2, "load", 2), Numeric("web-02", 1, "load", 3),
+       Numeric("web-01", 1, "disk", 4), Text("web-01", "load", output), Numeric("web-01", 0, "load", 6)},
+      &error))
       << error;
   for (const char* agent : {"a", "b", "a", "a"}) ASSERT_TRUE(store.AddRealTimeLine(agent, 1000, agent, &error));
   std::vector<SampleRow> rows = store.RecentSamples(SampleQuery(), &error);
@@ -315,9 +318,9 @@ class ServicesTest : public ::testing::Test {
     Restart(&store);
   }
   void Restart(SampleStore* on) {
-    services = std::make_unique<ControlPlaneServices>(Endpoint{"cp-1", "192.0.2.7", 7100}, on, [this](int level, const std::string& line) {
-      logged += std::to_string(level) + " " + line + "\n";
-    });
+    services = std::make_unique<ControlPlaneServices>(
+        Endpoint{"cp-1", "192.0.2.7", 7100}, on,
+        [this](int level, const std::string& line) { logged += std::to_string(level) + " " + line + "\n"; });
     services->SetCatalogue(catalogue);
   }
   // The reply's body in text format, or "none" when there is no reply.
@@ -349,14 +352,26 @@ class ServicesTest : public ::testing::Test {
 TEST_F(ServicesTest, EachRequestKindGetsItsAnswerAndResultCode) {
   const std::string endpoint = "response] { rc { code: 0 } name: \"cp-1\" ip: \"192.0.2.7\" port: 7100 }";
   const std::string unknown = "{ rc { code: -70002 msg: \"agent \\\"db-07\\\" is not in the jobs file\" } }";
-  std::vector<std::pair<zelvar::ZMessage, std::string>> cases = {
+  auto bodyless = [](int type, const std::string& extension, const std::string& name) {
+    return std::make_pair(Request(type), extension + name + "response] { rc { code: -70001 msg: \"request " +
+                                             std::to_string(type) + " carries no " + name + "request\" } }");
+  };
+  const std::vector<std::pair<zelvar::ZMessage, std::string>> cases = {
+      bodyless(67000, kOvita, "get_task_queue_"),
+      bodyless(66000, kOvita, "get_aggregation_"),
+      bodyless(68000, kOvita, "get_job_"),
+      bodyless(68010, kOvita, "get_conf_"),
+      bodyless(61030, kTellar, "record_stats_"),
+      bodyless(61032, kTellar, "record_string_stats_"),
       {kAskQueue, kOvita + "get_task_queue_" + endpoint},
       {kAskAggregation, kOvita + "get_aggregation_" + endpoint},
-      {kAskJobs, kOvita + "get_job_response] { rc { code: 0 } "
-                 "object_jobs { object_id: 1 job { job_id: 1 stat_item: 11 interval: 9 command: \"a\" stat_key: \"x\" } } "
-                 "object_jobs { object_id: 1 job { job_id: 2 interval: 9 command: \"b\" stat_key: \"y\" string_value: 1 } } "
-                 "object_jobs { object_id: 2 job { job_id: 1 interval: 9 command: \"c\" stat_key: \"x\" } } "
-                 "object_jobs { object_id: 2 job { job_id: 3 interval: 9 command: \"d\" stat_key: \"z\" } } }"},
+      {kAskJobs,
+       kOvita +
+           "get_job_response] { rc { code: 0 } "
+           "object_jobs { object_id: 1 job { job_id: 1 stat_item: 11 interval: 9 command: \"a\" stat_key: \"x\" } } "
+           "object_jobs { object_id: 1 job { job_id: 2 interval: 9 command: \"b\" stat_key: \"y\" string_value: 1 } } "
+           "object_jobs { object_id: 2 job { job_id: 1 interval: 9 command: \"c\" stat_key: \"x\" } } "
+           "object_jobs { object_id: 2 job { job_id: 3 interval: 9 command: \"d\" stat_key: \"z\" } } }"},
       {Request(68000, kOvita + "get_job_request] { agent_name: 'db-07' }"), kOvita + "get_job_response] " + unknown},
       {Request(68000, kOvita + "get_job_request] { }"),
        kOvita + "get_job_response] { rc { code: -70002 msg: \"the request names no agent\" } }"},
@@ -373,13 +388,6 @@ TEST_F(ServicesTest, EachRequestKindGetsItsAnswerAndResultCode) {
       {Request(66014), "none"},
       {Request(55555), "none"},
   };
-  for (const auto& bodyless : std::vector<std::pair<int, std::string>>{
-           {67000, kOvita + "get_task_queue_"}, {66000, kOvita + "get_aggregation_"}, {68000, kOvita + "get_job_"},
-           {68010, kOvita + "get_conf_"}, {61030, kTellar + "record_stats_"}, {61032, kTellar + "record_string_stats_"}}) {
-    cases.push_back({Request(bodyless.first), bodyless.second + "response] { rc { code: -70001 msg: \"request " +
-                                                  std::to_string(bodyless.first) + " carries no " +
-                                                  bodyless.second.substr(bodyless.second.find('.', 8) + 1) + "request\" } }"});
-  }
   for (const auto& c : cases) {
     PeerIdentity peer{"127.0.0.1", "", ""};
     EXPECT_EQ(Answer(c.first, &peer), c.second) << c.first.head().message_type();
@@ -402,8 +410,8 @@ TEST_F(ServicesTest, WhatAnAgentSendsIsCreditedToItAcrossReconnectionsAndRestart
   Answer(kAskAggregation, &moved, 1500);    // a new address, but the same node path
   Answer(NumericSample(0), &moved);
   Answer(NumericSample(1), &stranger);
-  EXPECT_EQ(Stored(), (std::vector<std::string>{"/a/web-01 1 5", "web-01 1 123", "web-01 1 -7", "web-01 1 0",
-                                                "10.0.0.77 1 1"}));
+  EXPECT_EQ(Stored(),
+            (std::vector<std::string>{"/a/web-01 1 5", "web-01 1 123", "web-01 1 -7", "web-01 1 0", "10.0.0.77 1 1"}));
   const SampleRow row = store.RecentSamples(SampleQuery(), &error).at(1);
   EXPECT_TRUE(row.stat_item == 11 && row.received_at == 1000 && row.name == "x");
 
@@ -417,8 +425,10 @@ TEST_F(ServicesTest, WhatAnAgentSendsIsCreditedToItAcrossReconnectionsAndRestart
          &lastAddress, 2000);
   Answer(Request(66014, kOvita + "send_real_time_buff_request] { line: 'eth0 rx 12' }"), &lastAddress, 2001);
   const AgentRow agent = store.Agents(&error).at(0);
-  EXPECT_EQ(agent.name + " " + agent.node_path + " " + agent.address + " " + agent.version, "web-01 /a/web-01 10.0.0.9 1.3");
-  EXPECT_TRUE(agent.first_seen == 1000 && agent.last_seen == 2000 && agent.last_heartbeat == 2000 && agent.job_count == 2);
+  EXPECT_EQ(agent.name + " " + agent.node_path + " " + agent.address + " " + agent.version,
+            "web-01 /a/web-01 10.0.0.9 1.3");
+  EXPECT_TRUE(agent.first_seen == 1000 && agent.last_seen == 2000 && agent.last_heartbeat == 2000 &&
+              agent.job_count == 2);
   const RealTimeLineRow line = store.RecentRealTimeLines(SampleQuery(), &error).at(0);
   EXPECT_EQ(line.agent + " " + line.line + " " + std::to_string(line.received_at), "web-01 eth0 rx 12 2001");
 }
@@ -439,13 +449,14 @@ TEST_F(ServicesTest, SamplesThatCannotBeStoredAreAnsweredWithTheStoresError) {
   const std::string failed = "response] { rc { code: -70003 msg: \"the sample database is not open\" } }";
   EXPECT_EQ(Answer(NumericSample(1), &peer), kTellar + "record_stats_" + failed);
   EXPECT_EQ(Answer(TextSample(2), &peer), kTellar + "record_string_stats_" + failed);
-  EXPECT_NE(logged.find("4 1 numeric samples of web-01 lost: the sample database is not open"), std::string::npos) << logged;
+  EXPECT_NE(logged.find("4 1 numeric samples of web-01 lost: the sample database is not open"), std::string::npos)
+      << logged;
 }
 
 // ---- ovita2ctl
 
 constexpr int64_t kNoon = 1700049600;  // 2023-11-15 12:00:00 UTC
-constexpr int kUsage = -1;              // a usage mistake: the parser's own status, above 2
+constexpr int kUsage = -1;             // a usage mistake: the parser's own status, above 2
 
 int Ctl(std::vector<std::string> args, std::ostream& out, std::ostream& err) {
   args.insert(args.begin(), "ovita2ctl");
@@ -479,7 +490,8 @@ TEST_F(ClientTest, ReadingCommandsPrintWhatTheyAskForAndExitWithTheirStatus) {
          Text("web-01", "ps", "a\tb\nc\n", kNoon), Text("web-01", "motd", "two\n\n", kNoon)});
   ASSERT_TRUE(store.TouchAgent("web-02", "", "", kNoon, &error));
   ASSERT_TRUE(store.RecordHeartbeat("web-01", "10.0.0.1", kNoon + 61, "2.1.0", 4, &error));
-  for (const char* agent : {"web-01", "web-02", "web-01"}) ASSERT_TRUE(store.AddRealTimeLine(agent, kNoon, agent, &error));
+  for (const char* agent : {"web-01", "web-02", "web-01"})
+    ASSERT_TRUE(store.AddRealTimeLine(agent, kNoon, agent, &error));
   setenv("OVITA2_DB", path.c_str(), 1);
   const std::string nowhere = dir.Path() + "/nowhere.db";
   struct Case {
@@ -488,26 +500,38 @@ TEST_F(ClientTest, ReadingCommandsPrintWhatTheyAskForAndExitWithTheirStatus) {
     std::string out, err;  // err: its start
   };
   const std::vector<Case> cases = {
-      {{"samples", "--db", path, "--limit", "5"}, 0,
+      {{"samples", "--db", path, "--limit", "5"},
+       0,
        "TIME                 AGENT   OBJECT  NAME  VALUE\n"
        "2023-11-15 12:00:00  web-01  1       load  12.3\n"
        "2023-11-15 12:00:00  web-01  1       load  -0.5\n"
        "2023-11-15 12:00:00  db-7    22      temp  0.0\n"
        "2023-11-15 12:00:00  web-01  -       ps    a\\tb\\nc\n"
-       "2023-11-15 12:00:00  web-01  -       motd  two\\n\n", ""},
-      {{"samples", "--json", "--agent", "web-01", "--object", "01", "--limit", "1"}, 0,
+       "2023-11-15 12:00:00  web-01  -       motd  two\\n\n",
+       ""},
+      {{"samples", "--json", "--agent", "web-01", "--object", "01", "--limit", "1"},
+       0,
        R"({"id":3,"received_at":1700049600,"agent":"web-01","kind":"numeric","object_id":1,"name":"load",)"
-       R"("stat_item":1001,"tenths":-5,"value":-0.5})" "\n", ""},
+       R"("stat_item":1001,"tenths":-5,"value":-0.5})"
+       "\n",
+       ""},
       // Output that is not UTF-8 still gets its line.
-      {{"samples", "--json", "--name", "raw"}, 0,
+      {{"samples", "--json", "--name", "raw"},
+       0,
        R"({"id":1,"received_at":1700049600,"agent":"odd","kind":"text","object_id":null,"name":"raw",)"
-       "\"job_id\":3,\"text\":\"\xef\xbf\xbd\xef\xbf\xbd\\n\",\"sample_time\":1700049599}\n", ""},
-      {{"agents", "--db", path}, 0,
+       "\"job_id\":3,\"text\":\"\xef\xbf\xbd\xef\xbf\xbd\\n\",\"sample_time\":1700049599}\n",
+       ""},
+      {{"agents", "--db", path},
+       0,
        "NAME    LAST HEARTBEAT       VERSION  JOBS  LAST SEEN            ADDRESS   NODE PATH\n"
        "web-01  2023-11-15 12:01:01  2.1.0    4     2023-11-15 12:01:01  10.0.0.1  -\n"
-       "web-02  never                -        0     2023-11-15 12:00:00  -         -\n", ""},
-      {{"lines", "--agent", "web-01", "--limit", "1", "--json"}, 0,
-       R"({"id":3,"received_at":1700049600,"agent":"web-01","line":"web-01"})" "\n", ""},
+       "web-02  never                -        0     2023-11-15 12:00:00  -         -\n",
+       ""},
+      {{"lines", "--agent", "web-01", "--limit", "1", "--json"},
+       0,
+       R"({"id":3,"received_at":1700049600,"agent":"web-01","line":"web-01"})"
+       "\n",
+       ""},
       {{"agents", "--json", "--db", nowhere}, 2, "", nowhere + ": no such database (the control plane creates it"},
       {{"samples", "--object", "4294967296"}, kUsage, "", "--object: '4294967296' is larger than 4294967295"},
       {{"enable", "[::1]7300", "7"}, kUsage, "", "ADDRESS: "},
@@ -532,9 +556,10 @@ TEST_F(ClientTest, FollowPrintsEachRowStoredAfterItStartedOnce) {
   });
   std::ostream out(&hook);
   std::ostringstream err;
-  EXPECT_EQ(Ctl({"follow", "--db", path, "--interval", "0", "--polls", "4", "--json", "--agent", "web-01", "--last", "0"},
-                out, err),
-            0)
+  EXPECT_EQ(
+      Ctl({"follow", "--db", path, "--interval", "0", "--polls", "4", "--json", "--agent", "web-01", "--last", "0"},
+          out, err),
+      0)
       << err.str();
   std::vector<int64_t> ids;
   std::istringstream lines(hook.str());
@@ -559,7 +584,8 @@ TEST_F(ClientTest, FollowEndsCleanlyOnInterruptAndWaitsForADatabaseNotYetCreated
   std::ostringstream lines;
   std::ostream waitingErr(&waiting);
   EXPECT_EQ(Ctl({"lines", "--db", later, "--follow", "--interval", "0", "--polls", "3"}, lines, waitingErr), 0);
-  EXPECT_EQ(waiting.str(), later + ": no such database (the control plane creates it when it starts); waiting for it\n");
+  EXPECT_EQ(waiting.str(),
+            later + ": no such database (the control plane creates it when it starts); waiting for it\n");
   EXPECT_EQ(lines.str(), "TIME                 AGENT   LINE\n2023-11-15 12:00:00  web-01  up\n");
 }
 
@@ -575,7 +601,8 @@ class OneShotAgent {
       if (recv(fd, &body[0], body.size(), MSG_WAITALL) > 0 && m_request.ParseFromString(body) && type != 0) {
         zelvar::ZMessage reply;
         zelvar::MakeResponse(m_request, type, &reply);
-        TextFormat::ParseFromString(kOvita + "enable_real_time_monitor_response] { rc { " + rc + " } }", reply.mutable_body());
+        TextFormat::ParseFromString(kOvita + "enable_real_time_monitor_response] { rc { " + rc + " } }",
+                                    reply.mutable_body());
         ovita2::testing::SendAll(fd, zelvar::EncodeFrame(reply));
       }
       close(fd);
@@ -607,11 +634,12 @@ TEST(ClientSwitch, EnableAndDisableSayWhatTheAgentAnsweredInTheirStatus) {
     int status;
     std::string out, err;  // err: its start after the agent's address
   };
-  for (const Case& c : std::vector<Case>{
-           {"enable", "7", 66013, "code: 0", 0, "item 7 enabled\n", ""},
-           {"disable", "4294967295", 66013, "code: -64190 msg: 'no'", 1, "", "item 4294967295: the agent refused: -64190 no\n"},
-           {"enable", "7", 0, "", 2, "", "$ closed the connection without answering\n"},
-           {"enable", "7", 66001, "code: 0", 2, "", "$ answered with a message of type 66001"}}) {
+  for (const Case& c :
+       std::vector<Case>{{"enable", "7", 66013, "code: 0", 0, "item 7 enabled\n", ""},
+                         {"disable", "4294967295", 66013, "code: -64190 msg: 'no'", 1, "",
+                          "item 4294967295: the agent refused: -64190 no\n"},
+                         {"enable", "7", 0, "", 2, "", "$ closed the connection without answering\n"},
+                         {"enable", "7", 66001, "code: 0", 2, "", "$ answered with a message of type 66001"}}) {
     OneShotAgent agent(c.type, c.rc);
     std::ostringstream out, err;
     EXPECT_EQ(Ctl({c.command, agent.Address(), c.item}, out, err), c.status) << err.str();
