@@ -306,9 +306,12 @@ zelvar::ZMessage TextSample(int job) {
   return Request(61032, kTellar + "record_string_stats_request] { stats { name: 'y' job_id: " + std::to_string(job) +
                             " value: 'out' time: 1700000000 } }");
 }
-const zelvar::ZMessage kAskQueue = Request(67000, kOvita + "get_task_queue_request] { node_path: '/a/web-01' }");
-const zelvar::ZMessage kAskAggregation = Request(66000, kOvita + "get_aggregation_request] { node_path: '/a/web-01' }");
-const zelvar::ZMessage kAskJobs = Request(68000, kOvita + "get_job_request] { agent_name: 'web-01' }");
+// Built when called: the extensions they name are registered by other files' static initialisers.
+zelvar::ZMessage AskQueue() { return Request(67000, kOvita + "get_task_queue_request] { node_path: '/a/web-01' }"); }
+zelvar::ZMessage AskAggregation() {
+  return Request(66000, kOvita + "get_aggregation_request] { node_path: '/a/web-01' }");
+}
+zelvar::ZMessage AskJobs() { return Request(68000, kOvita + "get_job_request] { agent_name: 'web-01' }"); }
 
 class ServicesTest : public ::testing::Test {
  protected:
@@ -363,9 +366,9 @@ TEST_F(ServicesTest, EachRequestKindGetsItsAnswerAndResultCode) {
       bodyless(68010, kOvita, "get_conf_"),
       bodyless(61030, kTellar, "record_stats_"),
       bodyless(61032, kTellar, "record_string_stats_"),
-      {kAskQueue, kOvita + "get_task_queue_" + endpoint},
-      {kAskAggregation, kOvita + "get_aggregation_" + endpoint},
-      {kAskJobs,
+      {AskQueue(), kOvita + "get_task_queue_" + endpoint},
+      {AskAggregation(), kOvita + "get_aggregation_" + endpoint},
+      {AskJobs(),
        kOvita +
            "get_job_response] { rc { code: 0 } "
            "object_jobs { object_id: 1 job { job_id: 1 stat_item: 11 interval: 9 command: \"a\" stat_key: \"x\" } } "
@@ -402,12 +405,12 @@ TEST_F(ServicesTest, EachRequestKindGetsItsAnswerAndResultCode) {
 TEST_F(ServicesTest, WhatAnAgentSendsIsCreditedToItAcrossReconnectionsAndRestarts) {
   PeerIdentity first{"10.0.0.5", "", ""}, sameAddress{"10.0.0.5", "", ""}, moved{"10.0.0.9", "", ""};
   PeerIdentity stranger{"10.0.0.77", "", ""};
-  Answer(kAskQueue, &first);
+  Answer(AskQueue(), &first);
   Answer(NumericSample(5), &first);  // nobody has named itself yet: the node path stands in
-  Answer(kAskJobs, &first);
+  Answer(AskJobs(), &first);
   Answer(NumericSample(123), &first);
   Answer(NumericSample(-7), &sameAddress);  // reconnected, has said nothing yet
-  Answer(kAskAggregation, &moved, 1500);    // a new address, but the same node path
+  Answer(AskAggregation(), &moved, 1500);   // a new address, but the same node path
   Answer(NumericSample(0), &moved);
   Answer(NumericSample(1), &stranger);
   EXPECT_EQ(Stored(),
@@ -417,7 +420,7 @@ TEST_F(ServicesTest, WhatAnAgentSendsIsCreditedToItAcrossReconnectionsAndRestart
 
   Restart(&store);  // a restarted control plane learns who is where from the agents table
   PeerIdentity later{"10.0.0.200", "", ""}, lastAddress{"10.0.0.9", "", ""};
-  Answer(kAskQueue, &later);
+  Answer(AskQueue(), &later);
   EXPECT_EQ(services->AgentLabel(later), "web-01");
   EXPECT_EQ(services->AgentLabel(lastAddress), "web-01");
   // A heartbeat carries no node path, and the one known is kept.
@@ -435,7 +438,7 @@ TEST_F(ServicesTest, WhatAnAgentSendsIsCreditedToItAcrossReconnectionsAndRestart
 
 TEST_F(ServicesTest, TextSamplesFindTheirObjectOnlyWhenOneObjectHasTheJob) {
   PeerIdentity peer{"127.0.0.1", "", ""};
-  Answer(kAskJobs, &peer);
+  Answer(AskJobs(), &peer);
   for (int job : {2, 1, 3}) Answer(TextSample(job), &peer);
   EXPECT_EQ(Stored(), (std::vector<std::string>{"web-01 1 out", "web-01 - out", "web-01 2 out"}));
   const SampleRow row = store.RecentSamples(SampleQuery(), &error).at(0);
