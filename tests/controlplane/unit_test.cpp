@@ -3,6 +3,7 @@
 #include <google/protobuf/text_format.h>
 #include <google/protobuf/util/message_differencer.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <signal.h>
 #include <sqlite3.h>
 #include <sys/socket.h>
@@ -598,6 +599,8 @@ class OneShotAgent {
  public:
   OneShotAgent(int type, const std::string& rc) : m_iListener(ovita2::testing::ListenLoopback(&m_iPort)) {
     m_thread = std::thread([this, type, rc] {
+      pollfd listening{m_iListener, POLLIN, 0};  // a client that never calls must not hang the test
+      if (poll(&listening, 1, 5000) != 1) return;
       const int fd = accept(m_iListener, nullptr, nullptr);
       unsigned char prefix[zelvar::kFramePrefixSize] = {};
       std::string body(recv(fd, prefix, sizeof prefix, MSG_WAITALL) == 4 ? zelvar::FrameBodyLength(prefix) : 0, '\0');
