@@ -100,7 +100,6 @@ struct ReadOptions {
   size_t m_uLast = 10;
   bool m_bFollow = false;
   double m_dInterval = 1.0;
-  uint64_t m_uPolls = 0;  // 0: until interrupted
 };
 
 struct SwitchOptions {
@@ -196,8 +195,7 @@ const Feed<SampleRow> kSampleFeed{&SampleStore::RecentSamples, &SampleStore::Sam
 const Feed<RealTimeLineRow> kLineFeed{&SampleStore::RecentRealTimeLines, &SampleStore::RealTimeLinesAfter,
                                       &SampleStore::LastRealTimeLineId, kLineColumns};
 
-// Prints the last rows, then the new ones poll by poll until a stop signal
-// or the polls allowed run out.
+// Prints the last rows, then the new ones poll by poll until a stop signal.
 template <typename Row>
 class Follower {
  public:
@@ -218,13 +216,8 @@ class Follower {
   }
 
  private:
-  // Sleeps one interval; false when stopped or out of polls.
-  bool NextPoll() {
-    if (m_sOptions.m_uPolls != 0 && m_uPolls >= m_sOptions.m_uPolls) return false;
-    if (!m_sSignals.Sleep(m_sOptions.m_dInterval)) return false;
-    ++m_uPolls;
-    return true;
-  }
+  // Sleeps one interval; false when stopped.
+  bool NextPoll() { return m_sSignals.Sleep(m_sOptions.m_dInterval); }
 
   // The control plane may be starting: wait for its database, and say so once.
   bool OpenWhenCreated() {
@@ -285,7 +278,6 @@ class Follower {
   StopSignals m_sSignals;
   SampleStore m_sStore;
   RowPrinter<Row> m_sPrinter;
-  uint64_t m_uPolls = 0;
   int64_t m_iLastId = 0;
   bool m_bFailed = false;
 };
@@ -361,10 +353,6 @@ void AddSampleFilters(CLI::App* command, ReadOptions* options) {
 void AddPolling(CLI::App* command, ReadOptions* options) {
   command->add_option("--interval", options->m_dInterval, "seconds between two looks for new rows (default 1)")
       ->check(Seconds(0, 3600));
-  // Lets a test stop the follower after a known number of looks.
-  command->add_option("--polls", options->m_uPolls)
-      ->transform(UnsignedDecimal(std::numeric_limits<uint64_t>::max()))
-      ->group("");
 }
 
 const char* const kSampleHelp =

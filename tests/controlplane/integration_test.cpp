@@ -1,0 +1,220 @@
+// The control plane as zelvar-host loads it: in a host loop in this process,
+// and as its own process serving a real agent whose samples the client reads.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <ctime>
+#include <nlohmann/json.hpp>
+#include <set>
+#include <sstream>
+
+#include "client/client_app.h"
+#include "host.h"
+#include "local_system.h"
+#include "store/sample_store.h"
+#include "zelvar/frame.h"
+#include "zelvar/message_util.h"
+#include "zelvar/ovita2.pb.h"
+
+namespace controlplane {
+namespace {
+
+namespace ov = zelvar::ovita2;
+using ovita2::testing::ReadFile;
+
+std::string Jobs(const std::string& agent, const std::string& command, const std::string& more = "") {
+  return "agents:\n  " + agent +
+         ":\n    objects:\n      - object_id: 4\n        jobs:\n          - {job_id: 1, interval: "
+         "10, stat_item: 41, command: \"" +
+         command + "\", stat_key: k1}\n" + more;
+}
+// A host's configuration: its log and port, the embedded registry and `plugin`, then `extra`.
+std::string HostConfig(const std::string& log, int port, const std::string& plugin, const std::string& extra) {
+  return "[host]\nlog_file = " + log +
+         "\nlog_level = 2\n[network]\nlisten-ip = 127.0.0.1\nlisten-port = " + std::to_string(port) +
+         "\n[plugins]\nzookeeper = " EMBEDDED_REGISTRY_PATH "\n" + plugin + "\n" + extra;
+}
+std::string ControlPlaneConfig(int port, const std::string& settings) {
+  return HostConfig("host.log", port, "controlplane = " CONTROLPLANE_PLUGIN_PATH,
+                    "[controlplane]\nname = cp-1\ndatabase = cp.db\n" + settings);
+}
+
+class ControlPlaneInHost : public ::testing::Test {
+ protected:
+  std::string Log() const { return ReadFile(dir.Path() + "/host.log"); }
+  bool RunUntilLogged(const std::string& text) {
+    return host.RunUntil([&] { return Log().find(text) != std::string::npos; }, 20.0);
+  }
+  // The first job's command the control plane hands "web-01" now, asked on `fd`.
+  std::string FirstJobCommand(int fd) {
+    zelvar::ZMessage request, reply;
+    zelvar::NewMessage(&request, 1, "s", ov::GET_JOB_REQUEST, 0, false, 7, 0, nullptr, nullptr, nullptr);
+    request.mutable_body()->MutableExtension(ov::get_job_request)->set_agent_name("web-01");
+    std::string in;
+    auto whole = [&] {
+      ovita2::testing::ReadAvailable(fd, &in);
+      return in.size() >= 4 &&
+             in.size() >= 4 + zelvar::FrameBodyLength(reinterpret_cast<const unsigned char*>(in.data()));
+    };
+    ovita2::testing::SendAll(fd, zelvar::EncodeFrame(request));
+    if (!host.RunUntil(whole, 20.0) || !reply.ParseFromString(in.substr(4))) return "(no reply)";
+    const auto& jobs = reply.body().GetExtension(ov::get_job_response);
+    return jobs.object_jobs_size() > 0 ? jobs.object_jobs(0).job().command() : "(no jobs)";
+  }
+
+  ovita2::testing::TempDir dir;
+  const int port = ovita2::testing::FreeLoopbackPort();
+  zelvar_host::Host host;
+  std::string error;
+};
+
+TEST_F(ControlPlaneInHost, AnswersOnItsPortPrunesOldSamplesAndReloadsItsJobsOnSighup) {
+  {
+    SampleStore seed;  // two samples, either side of the three days kept
+    ASSERT_TRUE(seed.Open(dir.Path() + "/cp.db", &error)) << error;
+    const int64_t cutoff = std::time(nullptr) - 3 * 86400;
+    SampleRow old, recent;
+    old.agent = recent.agent = "web-01";
+    old.received_at = cutoff - 60;
+    recent.received_at = cutoff + 60;
+    ASSERT_TRUE(seed.AddSamples({old, recent}, &error)) << error;
+  }
+  dir.Write("jobs.yaml", Jobs("web-01", "echo old"));
+  ASSERT_TRUE(
+      host.Init(dir.Write("cp.ini", ControlPlaneConfig(port, "jobs_file = jobs.yaml\nkeep_days = 3\n")), &error))
+      << error;
+  const int fd = ovita2::testing::ConnectLoopback(port);
+  SampleStore reader;
+  ASSERT_TRUE(reader.OpenReadOnly(dir.Path() + "/cp.db", &error)) << error;
+  std::vector<SampleRow> kept;
+  host.RunUntil([&] { return (kept = reader.RecentSamples(SampleQuery(), &error)).size() < 2; }, 20.0);
+  ASSERT_EQ(kept.size(), 1u) << "samples older than keep_days go at start: " << error;
+  EXPECT_EQ(kept[0].id, 2);
+
+  EXPECT_EQ(FirstJobCommand(fd), "echo old");
+  dir.Write("jobs.yaml", "agents:\n  web-01:\n    objects:\n      - object_id: one\n");
+  raise(SIGHUP);
+  ASSERT_TRUE(
+      RunUntilLogged("jobs file not reloaded, the previous one stays in service: " + dir.Path() + "/jobs.yaml:4:"))
+      << Log();
+  EXPECT_EQ(FirstJobCommand(fd), "echo old");
+  dir.Write("jobs.yaml", Jobs("web-01", "echo new"));
+  raise(SIGHUP);
+  ASSERT_TRUE(RunUntilLogged("jobs file reloaded: 1 jobs for 1 agents")) << Log();
+  EXPECT_EQ(FirstJobCommand(fd), "echo new");
+
+  // A frame that is no envelope closes its own connection only.
+  const int bad = ovita2::testing::ConnectLoopback(port);
+  ASSERT_TRUE(ovita2::testing::SendAll(bad, std::string("\0\0\0\3\xff\xff\xff", 7)));
+  std::string ignored;
+  EXPECT_TRUE(host.RunUntil([&] { return !ovita2::testing::ReadAvailable(bad, &ignored); }, 20.0));
+  EXPECT_EQ(FirstJobCommand(fd), "echo new");
+  close(bad);
+  close(fd);
+}
+
+TEST_F(ControlPlaneInHost, RefusesToStartWithTheReasonInItsLog) {
+  dir.Write("bad.yaml", "agents:\n  web-01:\n    objectz: []\n");
+  for (const auto& c : std::vector<std::pair<std::string, std::string>>{
+           {"jobs_file = bad.yaml\n", "bad.yaml:3:5: unknown agent field"},
+           {"jobs_file = bad.yaml\nkeep_days = soon\n", "[controlplane] keep_days must be a number of days"}}) {
+    zelvar_host::Host refused;
+    EXPECT_FALSE(refused.Init(dir.Write("cp.ini", ControlPlaneConfig(port, c.first)), &error));
+    EXPECT_NE(error.find("\"controlplane\" failed to start"), std::string::npos) << error;
+    EXPECT_NE(Log().find("controlplane: not started: "), std::string::npos) << Log();
+    EXPECT_NE(Log().find(c.second), std::string::npos) << c.second << "\n" << Log();
+    unlink((dir.Path() + "/host.log").c_str());
+  }
+}
+
+// A zelvar-host process started in `dir`, its output in `dir`/host.out;
+// stopped and reaped when this goes, however the test ended.
+class HostProcess {
+ public:
+  HostProcess(const std::string& dir, const std::string& config) : m_iPid(fork()) {
+    if (m_iPid != 0) return;
+    const std::string out = dir + "/host.out";
+    if (chdir(dir.c_str()) != 0 || !freopen(out.c_str(), "w", stdout) || !freopen(out.c_str(), "a", stderr)) _exit(127);
+    execl(ZELVAR_HOST_PATH, ZELVAR_HOST_PATH, "-c", config.c_str(), static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  ~HostProcess() { Stop(); }
+  // SIGTERM, then SIGKILL when it has not ended within 10 s; its exit status, or -1 after a signal.
+  int Stop() {
+    int status = 0;
+    if (m_iPid > 0) kill(m_iPid, SIGTERM);
+    for (int wait = 0; m_iPid > 0 && waitpid(m_iPid, &status, WNOHANG) == 0; ++wait) {
+      if (wait == 100) kill(m_iPid, SIGKILL);
+      usleep(100000);
+    }
+    if (m_iPid > 0) m_iStatus = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    m_iPid = 0;
+    return m_iStatus;
+  }
+
+ private:
+  pid_t m_iPid;
+  int m_iStatus = -1;
+};
+
+// The agent's clock is skipped forward, so its 150 s job schedule passes at once.
+TEST(AgentAgainstControlPlane, WhatTheAgentMeasuresIsReadBackThroughTheClient) {
+  ovita2::testing::TempDir dir;
+  const int cpPort = ovita2::testing::FreeLoopbackPort();
+  const std::string at = "127.0.0.1:" + std::to_string(cpPort), database = dir.Path() + "/cp.db";
+  dir.Write("jobs.yaml", Jobs("e2e", "echo 12.37",
+                              "          - {job_id: 2, interval: 10, command: \"echo hello\", "
+                              "stat_key: k2, string_value: 1}\n"));
+  HostProcess controlPlane(dir.Path(), dir.Write("cp.ini", ControlPlaneConfig(cpPort, "jobs_file = jobs.yaml\n")));
+  auto cpLog = [&] { return ReadFile(dir.Path() + "/host.log"); };
+  for (int wait = 0; wait < 200 && cpLog().find("serving as cp-1") == std::string::npos; ++wait) usleep(100000);
+  ASSERT_NE(cpLog().find("serving as cp-1"), std::string::npos) << cpLog() << ReadFile(dir.Path() + "/host.out");
+
+  zelvar_host::Host agent;
+  std::string error;
+  ASSERT_TRUE(agent.Init(
+      dir.Write("agent.ini", HostConfig("agent.log", ovita2::testing::FreeLoopbackPort(), "agent = " AGENT_PLUGIN_PATH,
+                                        "[embedded_registry]\n/ovita2/names/MASTER/cp-1 = " + at +
+                                            "\n/ovita2/names/TELLAR2_ACCESS/cp-1 = " + at +
+                                            "\n[names]\nMASTER = /ovita2/names/MASTER\n"
+                                            "TELLAR2_ACCESS = /ovita2/names/TELLAR2_ACCESS\n"
+                                            "[common]\nagentname = e2e\nmyname = /ovita2/agents/e2e\n"
+                                            "highprecision_frequency = 10\n")),
+      &error))
+      << error;
+  agent.SetRoutinePeriod(10000);
+  agent.Clock().Skip(10);  // the master is asked for the task queue
+  ASSERT_TRUE(agent.RunUntil(
+      [&] { return ReadFile(dir.Path() + "/agent.log").find("my task queue: cp-1, " + at) != std::string::npos; },
+      20.0))
+      << ReadFile(dir.Path() + "/agent.log");
+  agent.Clock().Skip(150);  // the job list is fetched
+  ASSERT_TRUE(agent.RunUntil([&] { return cpLog().find("gave agent e2e its 2 jobs") != std::string::npos; }, 20.0))
+      << cpLog();
+
+  // The jobs run, then their samples leave; each sample as "object name value".
+  std::set<std::string> seen;
+  for (int tick = 0; tick < 20 && seen.size() < 2; ++tick) {
+    agent.Clock().Skip(10);
+    agent.RunUntil([] { return false; }, 0.3);
+    std::ostringstream out, err;
+    const std::vector<const char*> argv = {"ovita2ctl", "samples", "--json",        "--agent",
+                                           "e2e",       "--db",    database.c_str()};
+    RunClient(static_cast<int>(argv.size()), argv.data(), out, err);
+    std::istringstream lines(out.str());
+    for (std::string line; std::getline(lines, line);) {
+      const nlohmann::json row = nlohmann::json::parse(line);
+      seen.insert(row["object_id"].dump() + " " + row["name"].get<std::string>() + " " +
+                  (row["kind"] == "numeric" ? row["stat_item"].dump() + " " + row["tenths"].dump()
+                                            : row["text"].get<std::string>()));
+    }
+  }
+  EXPECT_EQ(seen, (std::set<std::string>{"4 k1 41 123", "4 k2 hello\n"})) << cpLog();
+  agent.Shutdown();
+  EXPECT_EQ(controlPlane.Stop(), 0) << "the control plane stops cleanly on SIGTERM\n" << cpLog();
+}
+
+}  // namespace
+}  // namespace controlplane

@@ -1,0 +1,668 @@
+// The control plane without a host: the jobs file, the database, the request
+// handlers and ovita2ctl run in-process.
+#include <google/protobuf/text_format.h>
+#include <google/protobuf/util/message_differencer.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <signal.h>
+#include <sqlite3.h>
+#include <sys/socket.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <functional>
+#include <optional>
+#include <regex>
+#include <sstream>
+#include <thread>
+
+#include "client/client_app.h"
+#include "local_system.h"
+#include "services/control_plane_services.h"
+#include "zelvar/frame.h"
+#include "zelvar/message_util.h"
+
+namespace controlplane {
+namespace {
+
+using google::protobuf::TextFormat;
+using ovita2::testing::TempDir;
+
+// ---- The jobs file
+
+// One job of object 1 of agent "web-01": its first field at line 6, column
+// 13, each further line of `fields` below it.
+std::string WithJob(const std::string& fields) {
+  return "agents:\n  web-01:\n    objects:\n      - object_id: 1\n        jobs:\n          - " +
+         std::regex_replace(fields, std::regex("\n"), "\n            ") + "\n";
+}
+
+TEST(JobCatalogue, AgentsGetExactlyTheFieldsWrittenAndUnlistedAgentsTheAnyEntry) {
+  JobCatalogue catalogue;
+  std::string error;
+  ASSERT_TRUE(JobCatalogue::Parse(R"(agents:
+  web-01:
+    objects:
+      - object_id: 1
+        jobs:
+          - {job_id: 3, stat_item: 4294967295, interval: 10, command: uptime, command_args: -p, second_phase: 1,
+             second_phase_command: "echo 'x'", second_phase_delay: 5, stat_key: up, string_value: 1, description: ""}
+          - {job_id: 4, interval: 1, command: 42, stat_key: "007"}
+    confs: {2: [{target: "a|b", parameter: 18446744073709551615}, {target: c, parameter: "007"}], 1: [{target: d}]}
+  "*": {objects: [{object_id: 9}]}
+)",
+                                  "jobs.yaml", &catalogue, &error))
+      << error;
+  zelvar::ovita2::GetJobResponse expected, actual;
+  ASSERT_TRUE(TextFormat::ParseFromString(
+      R"(object_jobs { object_id: 1 job { job_id: 3 stat_item: 4294967295 interval: 10 command: "uptime"
+           command_args: "-p" second_phase: 1 second_phase_command: "echo 'x'" second_phase_delay: 5
+           stat_key: "up" string_value: 1 description: "" } }
+         object_jobs { object_id: 1 job { job_id: 4 interval: 1 command: "42" stat_key: "007" } })",
+      &expected));
+  for (const auto& objectJob : catalogue.Find("web-01")->object_jobs) *actual.add_object_jobs() = objectJob;
+  // Equals() tells a field set to its default from a field left out.
+  EXPECT_TRUE(google::protobuf::util::MessageDifferencer::Equals(actual, expected)) << actual.DebugString();
+  std::string confs;
+  for (const auto& type : catalogue.Find("web-01")->confs) {
+    for (const auto& conf : type.second) confs += std::to_string(type.first) + conf.ShortDebugString() + ";";
+  }
+  EXPECT_EQ(confs, R"(1target: "d" parameter: "0";2target: "a|b" parameter: "18446744073709551615";)"
+                   R"(2target: "c" parameter: "7";)");
+  EXPECT_EQ(catalogue.Find("db-07"), catalogue.Find("*"));
+  ASSERT_TRUE(JobCatalogue::Parse("agents: {web-01: }\n", "jobs.yaml", &catalogue, &error)) << error;
+  EXPECT_TRUE(catalogue.Find("web-01")->object_jobs.empty());
+  EXPECT_EQ(catalogue.Find("db-07"), nullptr) << "without a \"*\" entry an unlisted agent is unknown";
+}
+
+TEST(JobCatalogue, EachMistakeIsReportedWithItsLineAndColumn) {
+  const std::string job = "job_id: 3\ncommand: c\nstat_key: k\n", web = "agents:\n  web-01:\n";
+  const std::string confs = web + "    confs:\n      ";
+  const std::string uint32 = "job field \"interval\" must be an unsigned 32-bit integer, not ";
+  // Each message is whole, but for YAML's own words after "invalid YAML: ".
+  const std::vector<std::pair<std::string, std::string>> cases = {
+      {WithJob(job + "intervall: 10"), "9:13: unknown job field \"intervall\" (known: job_id, stat_item, interval, "},
+      {WithJob(job + "interval: 4294967296"), "9:23: " + uint32 + "\"4294967296\""},
+      {WithJob(job + "interval:"), "9:13: " + uint32 + "empty"},
+      {WithJob(job + "interval: \"10\""), "9:23: " + uint32 + "the quoted text \"10\" (drop the quotes)"},
+      {WithJob(job + "interval: 0"), "9:23: job field \"interval\" must be at least 1, not 0"},
+      {WithJob(job + "interval: 5\ninterval: 6"), "10:13: job field \"interval\" is given twice (first at line 9)"},
+      {WithJob("job_id: 3\ninterval: 5\nstat_key: k"),
+       "6:13: job 3 of object 1 of agent \"web-01\" has no \"command\""},
+      {WithJob("job_id: 3\ninterval: 5\ncommand: ''\nstat_key: k"), "8:22: job field \"command\" must not be empty"},
+      {WithJob(job + "interval: 5\ndescription:"), "10:13: job field \"description\" has no value (write \"\" for"},
+      {WithJob(job + "interval: 5\ncommand_args: {a: 1}"), "10:27: job field \"command_args\" must be text, not a map"},
+      {web + "    objects:\n      - 5\n", "4:9: an object of agent \"web-01\" must be a map, not \"5\""},
+      {web + "    objects:\n      - {object_id: 1, jobs: [{job_id: 3, interval: 5, command: a, stat_key: a},\n"
+             "          {job_id: 3, interval: 5, command: b, stat_key: b}]}\n",
+       "5:20: job 3 of object 1 of agent \"web-01\" is defined twice (first at line 4)"},
+      {"agents:\n  web-01: yes\n", "2:11: agent \"web-01\" must be a map (of \"objects\" and \"confs\"), not \"yes\""},
+      {"agents:\n  web-01: {}\n  db-07:\n  web-01:\n", "4:3: agent \"web-01\" is defined twice (first at line 2)"},
+      {"agents:\n", "1:1: \"agents\" is empty (write \"agents: {}\" for no agents)"},
+      {confs + "0: []\n", "4:7: a collector type of agent \"web-01\" must be at least 1, not 0"},
+      {confs + "1: []\n      01: []\n", "5:7: collector type 1 of agent \"web-01\" is defined twice (first at line 4)"},
+      {web + "    confs: [1]\n", "3:12: \"confs\" of agent \"web-01\" must be a map from collector type to a list, "},
+      {confs + "1: [{target: a, parameter: -1}]\n",
+       "4:34: collector configuration field \"parameter\" must be an unsigned 64-bit decimal number, not \"-1\""},
+      {confs + "2: [{target: sshd}, {target: cron},\n          {target: sshd}]\n",
+       "5:20: target \"sshd\" of collector type 2 of agent \"web-01\" is given twice (first at line 4)"},
+      {"agents:\n  web-01: {objects: [}\n", "2:22: invalid YAML: "},
+      {"agents: {}\n---\nagents: {}\n", "3:1: a jobs file holds one YAML document, not more"},
+  };
+  for (const auto& mistake : cases) {
+    JobCatalogue catalogue;
+    std::string error;
+    EXPECT_FALSE(JobCatalogue::Parse(mistake.first, "jobs.yaml", &catalogue, &error)) << mistake.first;
+    EXPECT_EQ(error.substr(0, mistake.second.size() + 10), "jobs.yaml:" + mistake.second) << mistake.first;
+  }
+}
+
+TEST(JobCatalogue, AFailedLoadKeepsThePreviousCatalogueAndSaysWhy) {
+  TempDir dir;
+  JobCatalogue catalogue;
+  std::string error;
+  ASSERT_TRUE(JobCatalogue::Load(dir.Write("good", WithJob("{job_id: 3, interval: 5, command: c, stat_key: k}")),
+                                 &catalogue, &error))
+      << error;
+  const std::string& at = dir.Path();
+  for (const auto& load : std::vector<std::pair<std::string, std::string>>{
+           {at + "/missing", at + "/missing: cannot read: No such file or directory"},
+           {at, at + ": cannot read: Is a directory"},
+           {dir.Write("bad", "agents: {web-01: 5}\n"), at + "/bad:1:18: agent \"web-01\" must be a map"},
+           {dir.Write("blank", "# nothing yet\n"), at + "/blank: no \"agents\" map"}}) {
+    EXPECT_FALSE(JobCatalogue::Load(load.first, &catalogue, &error));
+    EXPECT_EQ(error.substr(0, load.second.size()), load.second);
+    EXPECT_EQ(catalogue.Find("web-01")->object_jobs.at(0).job().job_id(), 3u);
+  }
+}
+
+// The shipped example must load, and each of its commands must print what the
+// agent will read: a number for a numeric job, one line for a text job.
+TEST(DemoJobsFile, LoadsAndEveryCommandPrintsOneValue) {
+  JobCatalogue catalogue;
+  std::string error;
+  ASSERT_TRUE(JobCatalogue::Load(DEMO_JOBS_FILE, &catalogue, &error)) << error;
+  ASSERT_NE(catalogue.Find("demo"), nullptr);
+  for (const auto& objectJob : catalogue.Find("demo")->object_jobs) {
+    const zelvar::ovita2::JobDescription& job = objectJob.job();
+    std::FILE* pipe = popen(job.command().c_str(), "r");
+    std::string output;
+    char buffer[256];
+    for (size_t got; pipe != nullptr && (got = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;) {
+      output.append(buffer, got);
+    }
+    EXPECT_EQ(pipe != nullptr ? pclose(pipe) : -1, 0) << job.command();
+    EXPECT_TRUE(std::regex_match(output, std::regex(job.string_value() == 1 ? "[^\n]+\n" : "[0-9]+(\\.[0-9]+)?\n")))
+        << job.stat_key() << ": \"" << output << "\" from " << job.command();
+  }
+}
+
+// ---- The database
+
+SampleRow Numeric(const std::string& agent, std::optional<uint32_t> object, const std::string& name, int64_t tenths,
+                  int64_t receivedAt = 1000) {
+  return SampleRow{0, receivedAt, agent, false, name, object, 1001, 0, tenths, "", 0};
+}
+// A text sample of job 3, of no known object, taken a second before it was received.
+SampleRow Text(const std::string& agent, const std::string& name, const std::string& text, int64_t receivedAt = 1000) {
+  return SampleRow{0, receivedAt, agent, true, name, std::nullopt, 0, 3, 0, text, uint32_t(receivedAt - 1)};
+}
+template <typename Row>
+std::vector<int64_t> Ids(const std::vector<Row>& rows) {
+  std::vector<int64_t> ids;
+  for (const Row& row : rows) ids.push_back(row.id);
+  return ids;
+}
+
+class SampleStoreTest : public ::testing::Test {
+ protected:
+  void SetUp() override { ASSERT_TRUE(store.Open(path, &error)) << error; }
+  std::vector<int64_t> AllIds() { return Ids(store.RecentSamples(SampleQuery{"", std::nullopt, "", 0, 100}, &error)); }
+
+  TempDir dir;
+  const std::string path = dir.Path() + "/cp.db";
+  SampleStore store;
+  std::string error;
+};
+
+TEST_F(SampleStoreTest, AWriteThatFailsPartWayKeepsNothing) {
+  std::vector<SampleRow> batch(3, Numeric("web-01", 1, "load", 5));
+  batch.back().agent.clear();  // a sample nobody sent cannot be stored
+  EXPECT_FALSE(store.AddSamples(batch, &error));
+  EXPECT_EQ(error.rfind(path + ": cannot store samples", 0), 0u) << error;
+  EXPECT_EQ(AllIds(), std::vector<int64_t>{});
+  EXPECT_FALSE(store.AddRealTimeLine("", 1000, "orphan", &error));
+  EXPECT_TRUE(store.RecentRealTimeLines(SampleQuery(), &error).empty());
+  batch.back().agent = "web-01";
+  ASSERT_TRUE(store.AddSamples(batch, &error)) << error;
+  EXPECT_EQ(AllIds(), (std::vector<int64_t>{1, 2, 3}));
+}
+
+TEST_F(SampleStoreTest, RowsComeBackAsStoredAndQueriesPickTheirRowsOldestFirst) {
+  const std::string output("line one\n\tsecond\0after nul\n", 27);
+  ASSERT_TRUE(store.AddSamples(
+      {Numeric("web-01", 1, "load", -15, 1234), Numeric("web-01", 2, "load", 2), Numeric("web-02", 1, "load", 3),
+       Numeric("web-01", 1, "disk", 4), Text("web-01", "load", output), Numeric("web-01", 0, "load", 6)},
+      &error))
+      << error;
+  for (const char* agent : {"a", "b", "a", "a"}) ASSERT_TRUE(store.AddRealTimeLine(agent, 1000, agent, &error));
+  std::vector<SampleRow> rows = store.RecentSamples(SampleQuery(), &error);
+  ASSERT_EQ(rows.size(), 6u) << error;
+  EXPECT_TRUE(rows[4].text && !rows[4].object_id && rows[4].job_id == 3 && rows[4].sample_time == 999);
+  EXPECT_EQ(rows[4].text_value, output) << "a text sample keeps every byte, a NUL included";
+  struct Case {
+    bool recent;  // RecentSamples, else SamplesAfter
+    SampleQuery query;
+    std::vector<int64_t> ids;
+  };
+  for (const Case& c : std::vector<Case>{{true, {"web-01", 1, "load", 0, 100}, {1}},
+                                         {true, {"web-01", std::nullopt, "load", 0, 100}, {1, 2, 5, 6}},
+                                         {true, {"", 1, "", 0, 100}, {1, 3, 4}},
+                                         {true, {"", 0, "", 0, 100}, {6}},  // object 0 is not an unknown one
+                                         {true, {"web-03", std::nullopt, "", 0, 100}, {}},
+                                         {true, {"", std::nullopt, "", 0, 3}, {4, 5, 6}},
+                                         {true, {"", std::nullopt, "", 4, 5}, {5, 6}},
+                                         {false, {"", std::nullopt, "", 2, 2}, {3, 4}},
+                                         {false, {"web-01", std::nullopt, "", 1, 2}, {2, 4}}}) {
+    const auto found = c.recent ? store.RecentSamples(c.query, &error) : store.SamplesAfter(c.query, &error);
+    EXPECT_EQ(Ids(found), c.ids) << c.query.agent << " after " << c.query.after_id << " limit " << c.query.limit;
+  }
+  EXPECT_EQ(Ids(store.RecentRealTimeLines({"a", std::nullopt, "", 0, 2}, &error)), (std::vector<int64_t>{3, 4}));
+  EXPECT_EQ(Ids(store.RealTimeLinesAfter({"a", std::nullopt, "no name", 1, 1}, &error)), std::vector<int64_t>{3});
+
+  SampleStore reader;  // as the client reads while the control plane writes
+  ASSERT_TRUE(reader.OpenReadOnly(path, &error)) << error;
+  EXPECT_EQ(reader.RecentSamples(SampleQuery(), &error).size(), 6u) << error;
+  EXPECT_FALSE(reader.AddSamples({Numeric("web-01", 1, "load", 2)}, &error));
+}
+
+TEST_F(SampleStoreTest, PruneDropsOldRowsKeepsAgentsAndNeverHandsAnIdOutTwice) {
+  ASSERT_TRUE(store.AddSamples({Numeric("a", 1, "load", 1, 100), Numeric("a", 1, "load", 2, 200)}, &error));
+  ASSERT_TRUE(store.AddRealTimeLine("a", 100, "old", &error) && store.AddRealTimeLine("a", 200, "kept", &error));
+  ASSERT_TRUE(store.TouchAgent("a", "", "", 100, &error));
+  ASSERT_TRUE(store.Prune(200, &error)) << error;
+  EXPECT_EQ(AllIds(), std::vector<int64_t>{2});
+  EXPECT_EQ(Ids(store.RecentRealTimeLines(SampleQuery(), &error)), std::vector<int64_t>{2});
+  EXPECT_EQ(store.Agents(&error).size(), 1u);
+  ASSERT_TRUE(store.Prune(1000, &error)) << error;
+  ASSERT_TRUE(store.AddSamples({Numeric("a", 1, "load", 4, 2000)}, &error) &&
+              store.AddRealTimeLine("a", 2000, "new", &error));
+  EXPECT_EQ(store.LastSampleId(&error), 3) << "a follower that saw id 2 must still see the next sample";
+  EXPECT_EQ(store.LastRealTimeLineId(&error), 3);
+}
+
+TEST_F(SampleStoreTest, OpeningRefusesANewerSchemaAndReadingAMissingOrForeignFile) {
+  sqlite3* db = nullptr;
+  ASSERT_EQ(sqlite3_open(path.c_str(), &db), SQLITE_OK);
+  ASSERT_EQ(sqlite3_exec(db, "PRAGMA user_version = 2", nullptr, nullptr, nullptr), SQLITE_OK);
+  sqlite3_close(db);
+  const std::string newer = ": the database has schema version 2, newer than the 1 this program knows";
+  const std::string missing = dir.Path() + "/missing.db", notes = dir.Write("notes", std::string(4096, 'n'));
+  struct Case {
+    std::string path;
+    bool readOnly, notCreatedYet;
+    std::string error;  // its start
+  };
+  for (const Case& c : std::vector<Case>{
+           {path, false, false, path + newer},
+           {path, true, false, path + newer},
+           {missing, true, true, missing + ": no such database (the control plane creates it when it starts)"},
+           {dir.Write("empty.db", ""), true, true, dir.Path() + "/empty.db: no such database yet"},
+           {notes, true, false, notes + ": cannot read the database: file is not a database"}}) {
+    SampleStore other;
+    EXPECT_FALSE(c.readOnly ? other.OpenReadOnly(c.path, &error) : other.Open(c.path, &error));
+    EXPECT_EQ(error.substr(0, c.error.size()), c.error);
+    EXPECT_EQ(other.NotCreatedYet(), c.notCreatedYet) << c.path;
+  }
+  EXPECT_FALSE(std::filesystem::exists(missing)) << "reading must not create the file";
+}
+
+// ---- The request handlers
+
+// Object 1 and 2 both have a job 1, so a text sample of job 1 has no object.
+constexpr const char* kJobs = R"(agents:
+  web-01:
+    objects:
+      - {object_id: 1, jobs: [{job_id: 1, stat_item: 11, interval: 9, command: a, stat_key: x},
+                              {job_id: 2, interval: 9, command: b, stat_key: y, string_value: 1}]}
+      - {object_id: 2, jobs: [{job_id: 1, interval: 9, command: c, stat_key: x}, {job_id: 3, interval: 9, command: d, stat_key: z}]}
+    confs: {1: [{target: sshd, parameter: 5}, {target: cron}], 2: [{target: "error|fail"}]}
+)";
+const std::string kOvita = "[zelvar.ovita2.", kTellar = "[zelvar.tellar2.";
+
+// A request of `type` from an agent's machine 42, its body in text format.
+zelvar::ZMessage Request(int type, const std::string& body = "") {
+  zelvar::ZMessage request;
+  zelvar::NewMessage(&request, 9, "session-1", type, 0, false, 42, 0, nullptr, nullptr, nullptr);
+  EXPECT_TRUE(TextFormat::ParseFromString(body, request.mutable_body())) << body;
+  return request;
+}
+zelvar::ZMessage NumericSample(int value) {
+  return Request(61030, kTellar + "record_stats_request] { stats { name: 'x' object_id: 1 stat_item: 11 value: " +
+                            std::to_string(value) + " } }");
+}
+zelvar::ZMessage TextSample(int job) {
+  return Request(61032, kTellar + "record_string_stats_request] { stats { name: 'y' job_id: " + std::to_string(job) +
+                            " value: 'out' time: 1700000000 } }");
+}
+// Built when called: the extensions they name are registered by other files' static initialisers.
+zelvar::ZMessage AskQueue() { return Request(67000, kOvita + "get_task_queue_request] { node_path: '/a/web-01' }"); }
+zelvar::ZMessage AskAggregation() {
+  return Request(66000, kOvita + "get_aggregation_request] { node_path: '/a/web-01' }");
+}
+zelvar::ZMessage AskJobs() { return Request(68000, kOvita + "get_job_request] { agent_name: 'web-01' }"); }
+
+class ServicesTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(store.Open(dir.Path() + "/cp.db", &error)) << error;
+    ASSERT_TRUE(JobCatalogue::Parse(kJobs, "jobs.yaml", catalogue.get(), &error)) << error;
+    Restart(&store);
+  }
+  void Restart(SampleStore* on) {
+    services = std::make_unique<ControlPlaneServices>(
+        Endpoint{"cp-1", "192.0.2.7", 7100}, on,
+        [this](int level, const std::string& line) { logged += std::to_string(level) + " " + line + "\n"; });
+    services->SetCatalogue(catalogue);
+  }
+  // The reply's body in text format, or "none" when there is no reply.
+  std::string Answer(const zelvar::ZMessage& request, PeerIdentity* peer, int64_t now = 1000) {
+    zelvar::ZMessage reply;
+    if (!services->Handle(request, peer, now, &reply)) return "none";
+    EXPECT_EQ(reply.head().message_type(), request.head().message_type() + 1);
+    EXPECT_TRUE(reply.head().kind() == zelvar::kKindResponse && reply.head().dst_machine_id() == 42 &&
+                reply.head().flow_no() == 9);
+    return reply.body().ShortDebugString();
+  }
+  // Stored samples as "agent object value-or-text".
+  std::vector<std::string> Stored() {
+    std::vector<std::string> rows;
+    for (const SampleRow& row : store.RecentSamples(SampleQuery(), &error)) {
+      rows.push_back(row.agent + " " + (row.object_id ? std::to_string(*row.object_id) : "-") + " " +
+                     (row.text ? row.text_value : std::to_string(row.value)));
+    }
+    return rows;
+  }
+
+  TempDir dir;
+  SampleStore store;
+  std::string error, logged;
+  std::shared_ptr<JobCatalogue> catalogue = std::make_shared<JobCatalogue>();
+  std::unique_ptr<ControlPlaneServices> services;
+};
+
+TEST_F(ServicesTest, EachRequestKindGetsItsAnswerAndResultCode) {
+  const std::string endpoint = "response] { rc { code: 0 } name: \"cp-1\" ip: \"192.0.2.7\" port: 7100 }";
+  const std::string unknown = "{ rc { code: -70002 msg: \"agent \\\"db-07\\\" is not in the jobs file\" } }";
+  auto bodyless = [](int type, const std::string& extension, const std::string& name) {
+    return std::make_pair(Request(type), extension + name + "response] { rc { code: -70001 msg: \"request " +
+                                             std::to_string(type) + " carries no " + name + "request\" } }");
+  };
+  const std::vector<std::pair<zelvar::ZMessage, std::string>> cases = {
+      bodyless(67000, kOvita, "get_task_queue_"),
+      bodyless(66000, kOvita, "get_aggregation_"),
+      bodyless(68000, kOvita, "get_job_"),
+      bodyless(68010, kOvita, "get_conf_"),
+      bodyless(61030, kTellar, "record_stats_"),
+      bodyless(61032, kTellar, "record_string_stats_"),
+      {AskQueue(), kOvita + "get_task_queue_" + endpoint},
+      {AskAggregation(), kOvita + "get_aggregation_" + endpoint},
+      {AskJobs(),
+       kOvita +
+           "get_job_response] { rc { code: 0 } "
+           "object_jobs { object_id: 1 job { job_id: 1 stat_item: 11 interval: 9 command: \"a\" stat_key: \"x\" } } "
+           "object_jobs { object_id: 1 job { job_id: 2 interval: 9 command: \"b\" stat_key: \"y\" string_value: 1 } } "
+           "object_jobs { object_id: 2 job { job_id: 1 interval: 9 command: \"c\" stat_key: \"x\" } } "
+           "object_jobs { object_id: 2 job { job_id: 3 interval: 9 command: \"d\" stat_key: \"z\" } } }"},
+      {Request(68000, kOvita + "get_job_request] { agent_name: 'db-07' }"), kOvita + "get_job_response] " + unknown},
+      {Request(68000, kOvita + "get_job_request] { }"),
+       kOvita + "get_job_response] { rc { code: -70002 msg: \"the request names no agent\" } }"},
+      {Request(68010, kOvita + "get_conf_request] { agent_name: 'web-01' conf_type: 1 }"),
+       kOvita + "get_conf_response] { rc { code: 0 } confs { target: \"sshd\" parameter: \"5\" } "
+                "confs { target: \"cron\" parameter: \"0\" } }"},
+      // An empty list past the last type ends the agent's pass over the types.
+      {Request(68010, kOvita + "get_conf_request] { agent_name: 'web-01' conf_type: 3 }"),
+       kOvita + "get_conf_response] { rc { code: 0 } }"},
+      // Heartbeats and real-time lines are never answered.
+      {Request(66015, kOvita + "agent_heart_beat_request] { agent_name: 'web-01' }"), "none"},
+      {Request(66014, kOvita + "send_real_time_buff_request] { line: 'l' }"), "none"},
+      {Request(66015), "none"},
+      {Request(66014), "none"},
+      {Request(55555), "none"},
+  };
+  for (const auto& c : cases) {
+    PeerIdentity peer{"127.0.0.1", "", ""};
+    EXPECT_EQ(Answer(c.first, &peer), c.second) << c.first.head().message_type();
+  }
+  for (const char* dropped : {"4 dropped a heartbeat without agent_heart_beat_request from ",
+                              "4 dropped a real-time line without send_real_time_buff_request from ",
+                              "4 ignored a request of unknown type 55555 from "}) {
+    EXPECT_NE(logged.find(dropped), std::string::npos) << logged;
+  }
+}
+
+TEST_F(ServicesTest, WhatAnAgentSendsIsCreditedToItAcrossReconnectionsAndRestarts) {
+  PeerIdentity first{"10.0.0.5", "", ""}, sameAddress{"10.0.0.5", "", ""}, moved{"10.0.0.9", "", ""};
+  PeerIdentity stranger{"10.0.0.77", "", ""};
+  Answer(AskQueue(), &first);
+  Answer(NumericSample(5), &first);  // nobody has named itself yet: the node path stands in
+  Answer(AskJobs(), &first);
+  Answer(NumericSample(123), &first);
+  Answer(NumericSample(-7), &sameAddress);  // reconnected, has said nothing yet
+  Answer(AskAggregation(), &moved, 1500);   // a new address, but the same node path
+  Answer(NumericSample(0), &moved);
+  Answer(NumericSample(1), &stranger);
+  EXPECT_EQ(Stored(),
+            (std::vector<std::string>{"/a/web-01 1 5", "web-01 1 123", "web-01 1 -7", "web-01 1 0", "10.0.0.77 1 1"}));
+  const SampleRow row = store.RecentSamples(SampleQuery(), &error).at(1);
+  EXPECT_TRUE(row.stat_item == 11 && row.received_at == 1000 && row.name == "x");
+
+  Restart(&store);  // a restarted control plane learns who is where from the agents table
+  PeerIdentity later{"10.0.0.200", "", ""}, lastAddress{"10.0.0.9", "", ""};
+  Answer(AskQueue(), &later);
+  EXPECT_EQ(services->AgentLabel(later), "web-01");
+  EXPECT_EQ(services->AgentLabel(lastAddress), "web-01");
+  // A heartbeat carries no node path, and the one known is kept.
+  Answer(Request(66015, kOvita + "agent_heart_beat_request] { agent_name: 'web-01' version: '1.3' job_count: 2 }"),
+         &lastAddress, 2000);
+  Answer(Request(66014, kOvita + "send_real_time_buff_request] { line: 'eth0 rx 12' }"), &lastAddress, 2001);
+  const AgentRow agent = store.Agents(&error).at(0);
+  EXPECT_EQ(agent.name + " " + agent.node_path + " " + agent.address + " " + agent.version,
+            "web-01 /a/web-01 10.0.0.9 1.3");
+  EXPECT_TRUE(agent.first_seen == 1000 && agent.last_seen == 2000 && agent.last_heartbeat == 2000 &&
+              agent.job_count == 2);
+  const RealTimeLineRow line = store.RecentRealTimeLines(SampleQuery(), &error).at(0);
+  EXPECT_EQ(line.agent + " " + line.line + " " + std::to_string(line.received_at), "web-01 eth0 rx 12 2001");
+}
+
+TEST_F(ServicesTest, TextSamplesFindTheirObjectOnlyWhenOneObjectHasTheJob) {
+  PeerIdentity peer{"127.0.0.1", "", ""};
+  Answer(AskJobs(), &peer);
+  for (int job : {2, 1, 3}) Answer(TextSample(job), &peer);
+  EXPECT_EQ(Stored(), (std::vector<std::string>{"web-01 1 out", "web-01 - out", "web-01 2 out"}));
+  const SampleRow row = store.RecentSamples(SampleQuery(), &error).at(0);
+  EXPECT_TRUE(row.job_id == 2 && row.name == "y" && row.sample_time == 1700000000);
+}
+
+TEST_F(ServicesTest, SamplesThatCannotBeStoredAreAnsweredWithTheStoresError) {
+  SampleStore closed;  // never opened: every write fails
+  Restart(&closed);
+  PeerIdentity peer{"127.0.0.1", "web-01", ""};
+  const std::string failed = "response] { rc { code: -70003 msg: \"the sample database is not open\" } }";
+  EXPECT_EQ(Answer(NumericSample(1), &peer), kTellar + "record_stats_" + failed);
+  EXPECT_EQ(Answer(TextSample(2), &peer), kTellar + "record_string_stats_" + failed);
+  EXPECT_NE(logged.find("4 1 numeric samples of web-01 lost: the sample database is not open"), std::string::npos)
+      << logged;
+}
+
+// ---- ovita2ctl
+
+constexpr int64_t kNoon = 1700049600;  // 2023-11-15 12:00:00 UTC
+constexpr int kUsage = -1;             // a usage mistake: the parser's own status, above 2
+
+int Ctl(std::vector<std::string> args, std::ostream& out, std::ostream& err) {
+  args.insert(args.begin(), "ovita2ctl");
+  std::vector<const char*> argv;
+  for (const std::string& arg : args) argv.push_back(arg.c_str());
+  return RunClient(static_cast<int>(argv.size()), argv.data(), out, err);
+}
+
+// An output stream that lets the test act each time the client flushes, which
+// a follower does after every batch: rows stored then arrive "between polls".
+struct FlushHook : std::stringbuf {
+  explicit FlushHook(std::function<void(int)> onFlush) : m_fnOnFlush(std::move(onFlush)) {}
+  int sync() override { return m_fnOnFlush(++m_iFlushes), 0; }
+  std::function<void(int)> m_fnOnFlush;
+  int m_iFlushes = 0;
+};
+
+class ClientTest : public SampleStoreTest {
+ protected:
+  void SetUp() override {
+    setenv("TZ", "UTC", 1);
+    tzset();
+    SampleStoreTest::SetUp();
+    alarm(20);  // a follower that is never stopped ends this program rather than hang it
+  }
+  void TearDown() override { alarm(0); }
+  void Store(const std::vector<SampleRow>& rows) { ASSERT_TRUE(store.AddSamples(rows, &error)) << error; }
+};
+
+TEST_F(ClientTest, ReadingCommandsPrintWhatTheyAskForAndExitWithTheirStatus) {
+  Store({Text("odd", "raw", "\xff\xfe\n", kNoon), Numeric("web-01", 1, "load", 123, kNoon),
+         Numeric("web-01", 1, "load", -5, kNoon), Numeric("db-7", 22, "temp", 0, kNoon),
+         Text("web-01", "ps", "a\tb\nc\n", kNoon), Text("web-01", "motd", "two\n\n", kNoon)});
+  ASSERT_TRUE(store.TouchAgent("web-02", "", "", kNoon, &error));
+  ASSERT_TRUE(store.RecordHeartbeat("web-01", "10.0.0.1", kNoon + 61, "2.1.0", 4, &error));
+  for (const char* agent : {"web-01", "web-02", "web-01"})
+    ASSERT_TRUE(store.AddRealTimeLine(agent, kNoon, agent, &error));
+  setenv("OVITA2_DB", path.c_str(), 1);
+  const std::string nowhere = dir.Path() + "/nowhere.db";
+  struct Case {
+    std::vector<std::string> args;
+    int status;
+    std::string out, err;  // err: its start
+  };
+  const std::vector<Case> cases = {
+      {{"samples", "--db", path, "--limit", "5"},
+       0,
+       "TIME                 AGENT   OBJECT  NAME  VALUE\n"
+       "2023-11-15 12:00:00  web-01  1       load  12.3\n"
+       "2023-11-15 12:00:00  web-01  1       load  -0.5\n"
+       "2023-11-15 12:00:00  db-7    22      temp  0.0\n"
+       "2023-11-15 12:00:00  web-01  -       ps    a\\tb\\nc\n"
+       "2023-11-15 12:00:00  web-01  -       motd  two\\n\n",
+       ""},
+      {{"samples", "--json", "--agent", "web-01", "--object", "01", "--limit", "1"},
+       0,
+       R"({"id":3,"received_at":1700049600,"agent":"web-01","kind":"numeric","object_id":1,"name":"load",)"
+       R"("stat_item":1001,"tenths":-5,"value":-0.5})"
+       "\n",
+       ""},
+      // Output that is not UTF-8 still gets its line.
+      {{"samples", "--json", "--name", "raw"},
+       0,
+       R"({"id":1,"received_at":1700049600,"agent":"odd","kind":"text","object_id":null,"name":"raw",)"
+       "\"job_id\":3,\"text\":\"\xef\xbf\xbd\xef\xbf\xbd\\n\",\"sample_time\":1700049599}\n",
+       ""},
+      {{"agents", "--db", path},
+       0,
+       "NAME    LAST HEARTBEAT       VERSION  JOBS  LAST SEEN            ADDRESS   NODE PATH\n"
+       "web-01  2023-11-15 12:01:01  2.1.0    4     2023-11-15 12:01:01  10.0.0.1  -\n"
+       "web-02  never                -        0     2023-11-15 12:00:00  -         -\n",
+       ""},
+      {{"lines", "--agent", "web-01", "--limit", "1", "--json"},
+       0,
+       R"({"id":3,"received_at":1700049600,"agent":"web-01","line":"web-01"})"
+       "\n",
+       ""},
+      {{"agents", "--json", "--db", nowhere}, 2, "", nowhere + ": no such database (the control plane creates it"},
+      {{"samples", "--object", "4294967296"}, kUsage, "", "--object: '4294967296' is larger than 4294967295"},
+      {{"enable", "[::1]7300", "7"}, kUsage, "", "ADDRESS: "},
+  };
+  for (const Case& c : cases) {
+    std::ostringstream out, err;
+    const int status = Ctl(c.args, out, err);
+    EXPECT_TRUE(c.status == kUsage ? status > 2 : status == c.status) << status << " " << err.str();
+    EXPECT_EQ(out.str(), c.out);
+    EXPECT_EQ(err.str().substr(0, c.err.size()), c.err);
+  }
+  unsetenv("OVITA2_DB");
+}
+
+// Rows stored before the start, even those the filter skips, are not new.
+TEST_F(ClientTest, FollowPrintsEachRowStoredAfterItStartedOnce) {
+  auto load = [](const char* agent, int64_t tenths) { return Numeric(agent, 1, "load", tenths); };
+  Store({load("web-01", 1), load("web-02", 2)});
+  FlushHook hook([&](int flush) {
+    if (flush == 1) Store({load("web-01", 3), load("web-02", 4), load("web-01", 5)});
+    if (flush == 2) Store({load("web-01", 6)});
+    if (flush == 3) raise(SIGINT);
+  });
+  std::ostream out(&hook);
+  std::ostringstream err;
+  EXPECT_EQ(Ctl({"follow", "--db", path, "--interval", "0", "--json", "--agent", "web-01", "--last", "0"}, out, err), 0)
+      << err.str();
+  std::vector<int64_t> ids;
+  std::istringstream lines(hook.str());
+  for (std::string line; std::getline(lines, line);) ids.push_back(std::stoll(line.substr(line.find(':') + 1)));
+  EXPECT_EQ(ids, (std::vector<int64_t>{3, 5, 6}));
+}
+
+TEST_F(ClientTest, FollowEndsCleanlyOnInterruptAndWaitsForADatabaseNotYetCreated) {
+  FlushHook interrupt([](int) { raise(SIGINT); });
+  std::ostream out(&interrupt);
+  std::ostringstream err;
+  EXPECT_EQ(Ctl({"follow", "--db", path, "--interval", "0"}, out, err), 0) << err.str();
+  struct sigaction now {};
+  sigaction(SIGINT, nullptr, &now);
+  EXPECT_EQ(now.sa_handler, SIG_DFL) << "the interrupt handler is the follower's only while it runs";
+
+  const std::string later = dir.Path() + "/later.db";
+  SampleStore created;
+  FlushHook waiting([&](int flush) {
+    ASSERT_TRUE(flush > 1 || (created.Open(later, &error) && created.AddRealTimeLine("web-01", kNoon, "up\n", &error)));
+  });
+  FlushHook lines([](int) { raise(SIGINT); });
+  std::ostream linesOut(&lines), waitingErr(&waiting);
+  EXPECT_EQ(Ctl({"lines", "--db", later, "--follow", "--interval", "0"}, linesOut, waitingErr), 0);
+  EXPECT_EQ(waiting.str(),
+            later + ": no such database (the control plane creates it when it starts); waiting for it\n");
+  EXPECT_EQ(lines.str(), "TIME                 AGENT   LINE\n2023-11-15 12:00:00  web-01  up\n");
+}
+
+// Plays an agent for one connection: reads one request, then answers it with
+// a reply of `type` carrying `rc`, or closes when `type` is 0.
+class OneShotAgent {
+ public:
+  OneShotAgent(int type, const std::string& rc) : m_iListener(ovita2::testing::ListenLoopback(&m_iPort)) {
+    m_thread = std::thread([this, type, rc] {
+      pollfd listening{m_iListener, POLLIN, 0};  // a client that never calls must not hang the test
+      if (poll(&listening, 1, 5000) != 1) return;
+      const int fd = accept(m_iListener, nullptr, nullptr);
+      unsigned char prefix[zelvar::kFramePrefixSize] = {};
+      std::string body(recv(fd, prefix, sizeof prefix, MSG_WAITALL) == 4 ? zelvar::FrameBodyLength(prefix) : 0, '\0');
+      if (recv(fd, &body[0], body.size(), MSG_WAITALL) > 0 && m_request.ParseFromString(body) && type != 0) {
+        zelvar::ZMessage reply;
+        zelvar::MakeResponse(m_request, type, &reply);
+        TextFormat::ParseFromString(kOvita + "enable_real_time_monitor_response] { rc { " + rc + " } }",
+                                    reply.mutable_body());
+        ovita2::testing::SendAll(fd, zelvar::EncodeFrame(reply));
+      }
+      close(fd);
+    });
+  }
+  ~OneShotAgent() {
+    Request();
+    close(m_iListener);
+  }
+  std::string Address() const { return "127.0.0.1:" + std::to_string(m_iPort); }
+  // What the client sent, once the conversation is over.
+  const zelvar::ZMessage& Request() {
+    if (m_thread.joinable()) m_thread.join();
+    return m_request;
+  }
+
+ private:
+  int m_iPort = 0;
+  int m_iListener;
+  zelvar::ZMessage m_request;
+  std::thread m_thread;
+};
+
+TEST(ClientSwitch, EnableAndDisableSayWhatTheAgentAnsweredInTheirStatus) {
+  struct Case {
+    std::string command, item;
+    int type;  // of the answer, 0 for none
+    std::string rc;
+    int status;
+    std::string out, err;  // err: its start after the agent's address
+  };
+  for (const Case& c :
+       std::vector<Case>{{"enable", "7", 66013, "code: 0", 0, "item 7 enabled\n", ""},
+                         {"disable", "4294967295", 66013, "code: -64190 msg: 'no'", 1, "",
+                          "item 4294967295: the agent refused: -64190 no\n"},
+                         {"enable", "7", 0, "", 2, "", "$ closed the connection without answering\n"},
+                         {"enable", "7", 66001, "code: 0", 2, "", "$ answered with a message of type 66001"}}) {
+    OneShotAgent agent(c.type, c.rc);
+    std::ostringstream out, err;
+    EXPECT_EQ(Ctl({c.command, agent.Address(), c.item}, out, err), c.status) << err.str();
+    EXPECT_EQ(out.str(), c.out);
+    const std::string expectedErr = c.err.empty() || c.err[0] != '$' ? c.err : agent.Address() + c.err.substr(1);
+    EXPECT_EQ(err.str().substr(0, expectedErr.size()), expectedErr);
+    const zelvar::ZMessage& asked = agent.Request();
+    EXPECT_TRUE(asked.head().message_type() == 66012 && asked.head().kind() == zelvar::kKindRequest &&
+                asked.head().session().size() == 36);
+    EXPECT_EQ(asked.body().ShortDebugString(), kOvita + "enable_real_time_monitor_request] { item_id: " + c.item +
+                                                   " operation: " + (c.command == "enable" ? "0 }" : "1 }"));
+  }
+  const std::string nobody = "127.0.0.1:" + std::to_string(ovita2::testing::FreeLoopbackPort());
+  std::ostringstream out, err;
+  EXPECT_EQ(Ctl({"enable", nobody, "7", "--timeout", "2"}, out, err), 2);
+  EXPECT_EQ(err.str().rfind(nobody + ": cannot connect", 0), 0u) << err.str();
+}
+
+}  // namespace
+}  // namespace controlplane
