@@ -6,9 +6,9 @@
 #include <csignal>
 #include <string>
 
-#include "frame.h"
 #include "host.h"
 #include "test_support.h"
+#include "zelvar/frame.h"
 #include "zelvar/message_util.h"
 #include "zelvar/ovita2.pb.h"
 
@@ -46,7 +46,7 @@ class ControlPlaneInHost : public ::testing::Test {
 
   // Sends `request` on `fd` and runs the host until one whole reply is back.
   bool Exchange(int fd, const zelvar::ZMessage& request, zelvar::ZMessage* reply) {
-    if (!host_test::SendAll(fd, probe::EncodeFrame(request))) return false;
+    if (!host_test::SendAll(fd, zelvar::EncodeFrame(request))) return false;
     std::string input;
     bool open = true;
     auto whole = [&] {
@@ -151,7 +151,7 @@ TEST_F(ControlPlaneInHost, AFrameThatIsNoEnvelopeClosesItsConnection) {
   ASSERT_TRUE(Start()) << error;
   int fd = host_test::ConnectLoopback(port);
   ASSERT_GE(fd, 0);
-  ASSERT_TRUE(host_test::SendAll(fd, probe::LengthPrefix(3) + "\xff\xff\xff"));
+  ASSERT_TRUE(host_test::SendAll(fd, std::string("\0\0\0\3\xff\xff\xff", 7)));
   std::string input;
   EXPECT_TRUE(host.RunUntil([&] { return !host_test::ReadAvailable(fd, &input); }, 20.0));
   EXPECT_NE(Log().find("a frame of 7 bytes is no envelope"), std::string::npos) << Log();
