@@ -33,12 +33,4 @@ void MessagePool::ReleaseToInstance(void* message) {
   Instance()->Release(static_cast<ZMessage*>(message));
 }
 
-void MessagePool::SetCapacity(size_t capacity) {
-  m_uCapacity = capacity;
-  while (m_vecFree.size() > m_uCapacity) {
-    delete m_vecFree.back();
-    m_vecFree.pop_back();
-  }
-}
-
 }  // namespace zelvar

@@ -76,8 +76,6 @@ class ConnectionManager {
   // Closes every connection without calling the plug-ins (shutdown).
   void CloseAll();
 
-  size_t Count() const { return m_mapConnections.size(); }
-
  private:
   struct Connection {
     ConnectionManager* owner = nullptr;

@@ -73,7 +73,6 @@ class Host {
   const zelvar::HostFunction* Table() const { return m_arrTable; }
   Logger& Log() { return m_sLogger; }
   const Config& Configuration() const { return m_sConfig; }
-  const HostSettings& Settings() const { return m_sSettings; }
   event_base* Base() const { return m_pBase; }
   zelvar::MachineRuntime& Runtime() { return *m_pRuntime; }
   ConnectionManager& Connections() { return *m_pConnections; }

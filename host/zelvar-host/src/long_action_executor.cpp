@@ -97,7 +97,6 @@ void LongActionExecutor::Spawn(const Pending& pending) {
     evtimer_add(child->timer, &limit);
   }
   m_mapChildren.emplace(shell.pid, std::move(child));
-  if (m_mapChildren.size() > m_uPeakRunning) m_uPeakRunning = m_mapChildren.size();
 }
 
 void LongActionExecutor::StartQueued() {

@@ -63,11 +63,6 @@ class LongActionExecutor {
   // No record is delivered for them.
   void KillAll();
 
-  size_t Running() const { return m_mapChildren.size(); }
-  size_t Queued() const { return m_dqQueue.size(); }
-  // The most children that ran at once since the executor was made.
-  size_t PeakRunning() const { return m_uPeakRunning; }
-
  private:
   struct Child;
   struct Stream {
@@ -114,7 +109,6 @@ class LongActionExecutor {
   event* m_pChildSignal = nullptr;
   std::unordered_map<pid_t, std::unique_ptr<Child>> m_mapChildren;
   std::deque<Pending> m_dqQueue;
-  size_t m_uPeakRunning = 0;
 };
 
 }  // namespace zelvar_host

@@ -94,8 +94,6 @@ class MachineRuntime {
   int64_t NextDeadlineMs() const;
 
   bool IsManaged(uint32_t id) const { return m_mapMachines.count(id) != 0; }
-  size_t MachineCount() const { return m_mapMachines.size(); }
-  size_t PendingCount() const { return m_dqEvents.size(); }
 
  private:
   struct Managed {

@@ -33,8 +33,6 @@ class MessagePool {
   static void ReleaseToInstance(void* message);
 
   size_t Size() const { return m_vecFree.size(); }
-  size_t Capacity() const { return m_uCapacity; }
-  void SetCapacity(size_t capacity);
 
  private:
   size_t m_uCapacity;

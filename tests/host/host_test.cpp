@@ -1,0 +1,305 @@
+// zelvar-host: its configuration reader, the loop run in-process with the
+// probe plug-in, and the real binary.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+
+#include <regex>
+#include <thread>
+
+#include "test_support.h"
+#include "zelvar/frame.h"
+#include "zelvar/long_action.h"
+#include "zelvar/message_pool.h"
+#include "zelvar/string_util.h"
+
+namespace {
+
+using host_test::ProbeHost;
+using namespace ovita2::testing;
+using namespace std::string_literals;
+
+// A slot of a ProbeHost's table by its name: SLOT(fixture, GetLogLevel)().
+#define SLOT(fixture, name) (fixture).Slot<zelvar::name##Fn>(zelvar::kSlot##name)
+
+TEST(HostConfig, ReadsValuesOrNamesTheBadLine) {
+  const std::pair<std::string, std::string> cases[] = {  // [c] k as text and number (7 when none), or the error
+      {"[c]\nk = /ovita2/a-1.b\n", "/ovita2/a-1.b 7"}, {"[c]\nk = 42\nx = 1\n", "42 42"}, {"[c]\nk = 4x\n", "4x 7"},
+      {"[c]\nk =\n", " 7"}, {"[c]\nother = 1\n", " 7"}, {"[c]\nk = a\nk = b\n", "a\nb 7"},
+      {"[c]\nk = v\nno equals sign\n", "t.ini:3: syntax error"}, {"[c\n", "t.ini:1: syntax error"},
+      {"[c]\nk = " + std::string(300, 'x') + "\n", "t.ini:2: line is longer than 199 characters"},
+  };
+  for (const auto& c : cases) {
+    zelvar_host::Config config;
+    std::string got;
+    if (config.LoadString(c.first, "t.ini", &got)) {
+      got = config.GetString("c", "k", nullptr) + (" " + std::to_string(config.GetInt("c", "k", 7)));
+    }
+    EXPECT_EQ(got.substr(0, c.second.size()), c.second) << c.first;
+  }
+}
+
+// A request for a new probe machine.
+zelvar::ZMessage* Envelope(const std::string& session) {
+  auto* message = new zelvar::ZMessage();
+  message->mutable_head()->set_message_type(probe::kProbeMachineType);
+  message->mutable_head()->set_session(session);
+  return message;
+}
+
+std::string Frame(const std::string& session) {
+  return zelvar::EncodeFrame(*std::unique_ptr<zelvar::ZMessage>(Envelope(session)));
+}
+
+// A probe machine made through the slot, which the host adopts with a first
+// message carrying `session`.
+zelvar::StateMachine* AdoptedProbe(ProbeHost& fixture, const std::string& session = "adopt") {
+  zelvar::StateMachine* machine = SLOT(fixture, CreateMachineForMessage)(probe::kProbeMachineType);
+  SLOT(fixture, PostToMachine)(Envelope(session), machine, 0);
+  return machine;
+}
+
+TEST(HostLoop, StartsPluginsWithTheConfigPathServesSlotsAndTicksAtTheSmallestPeriodAsked) {
+  ProbeHost fixture("[probe]\nroutine_period_us = 20000\nroutine_machines = 1\n");
+  ASSERT_TRUE(fixture.ok()) << fixture.error();
+  probe::Control& probe = fixture.probe();
+  EXPECT_EQ(probe.calls, (std::vector<std::string>{"OnPeekInterface", "OnInit"}));
+  EXPECT_EQ(probe.init_context, fixture.host().Configuration().Path());
+  EXPECT_EQ(SLOT(fixture, GetLogLevel)() + SLOT(fixture, GetConfigInt)("host", "log_level", 9), 2);
+  std::vector<std::string> keys;
+  SLOT(fixture, ListConfigKeys)("plugins", ".+", &keys);
+  EXPECT_EQ(keys, std::vector<std::string>{"probe"});
+  EXPECT_EQ(SLOT(fixture, GetPluginHandle)("probe"), &probe);
+  EXPECT_LE(std::llabs(*SLOT(fixture, GetNow)() - time(nullptr)), 1);
+  SLOT(fixture, Log)(3, "from a plug-in: %d", 42);
+  EXPECT_EQ(write(SLOT(fixture, GetLogFd)(), "direct\n", 7), 7);
+  EXPECT_NE(fixture.LogText().find(" INFO from a plug-in: 42\ndirect\n"), std::string::npos);
+  EXPECT_TRUE(SLOT(fixture, IsReady)());
+  probe.ready = 0;
+  EXPECT_FALSE(SLOT(fixture, IsReady)());
+
+  auto start = std::chrono::steady_clock::now();
+  ASSERT_TRUE(fixture.RunUntil([&] { return probe.ended.size() >= 5; }));
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(3)) << "not one second a tick";
+  for (size_t i = 0; i < 5; ++i) {
+    EXPECT_EQ(std::make_pair(probe.seen[i].state, probe.seen[i].event_type), std::make_pair(-1, 0u));
+    EXPECT_EQ(probe.seen[i].machine_id, probe.ended[i]) << "a routine machine starts at once";
+  }
+  SLOT(fixture, SetRoutinePeriod)(1000000);
+  EXPECT_EQ(fixture.host().RoutinePeriodUs(), 20000u);
+}
+
+TEST(HostLoop, EventsReachTheirMachineOnALaterTurnAndAreDroppedForAGoneOne) {
+  ProbeHost fixture("[host]\nmachine_timeout = 1\n");
+  ASSERT_TRUE(fixture.ok()) << fixture.error();
+  probe::Control& probe = fixture.probe();
+  EXPECT_EQ(SLOT(fixture, CreateMachineForMessage)(123456), nullptr);
+  zelvar::StateMachine* machine = AdoptedProbe(fixture, "first");
+  uint32_t id = machine->GetMachineId(), quiet = AdoptedProbe(fixture)->GetMachineId();
+  EXPECT_EQ(SLOT(fixture, DeliverToMachine)(id, new std::string("record"), [](void*) { ADD_FAILURE(); }), 0);
+  int fd = open((fixture.dir().Path() + "/aio").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  char text[] = "hello aio", back[16] = {};
+  auto aio = [&](zelvar::HostSlot slot) { return fixture.Slot<zelvar::StartAioFn>(slot); };
+  int flows[] = {aio(zelvar::kSlotStartAioWrite)(fd, 9, text, 3, id, machine),
+                 aio(zelvar::kSlotStartAioRead)(fd, 16, back, 0, id, nullptr), SLOT(fixture, StartAioFDSync)(-1, id)};
+  EXPECT_EQ(SLOT(fixture, PostToMachine)(Envelope("done"), nullptr, id), 0);
+  EXPECT_TRUE(probe.seen.empty()) << "never dispatched inside the caller";
+  ASSERT_TRUE(fixture.RunUntil([&] { return probe.ended.size() == 2; }));
+  close(fd);
+  std::string seen;  // is it `id`, state, event type, flow, text, status
+  for (const probe::Seen& s : probe.seen) {
+    seen += zelvar::FormatString("%d:%d:%u:%u:%s:%ld ", s.machine_id == id, s.state, s.event_type, s.flow_no,
+                                 s.text.c_str(), s.status);
+  }
+  EXPECT_EQ(seen, zelvar::FormatString("1:-1:1:0:first:0 0:-1:1:0:adopt:0 1:1:4:0:record:0 1:1:3:%d:0:9 "
+                                       "1:1:3:%d:0:12 1:1:3:%d:%d:-1 1:1:1:0:done:0 ",
+                                       flows[0], flows[1], flows[2], EBADF));
+  EXPECT_EQ(std::string(back, 12), std::string("\0\0\0hello aio", 12));
+  EXPECT_EQ(probe.ended, (std::vector<uint32_t>{id, quiet})) << "the quiet one ended on its machine timeout";
+
+  size_t pooled = zelvar::MessagePool::Instance()->Size();
+  EXPECT_EQ(SLOT(fixture, PostToMachine)(Envelope("late"), nullptr, id), -1);
+  EXPECT_EQ(zelvar::MessagePool::Instance()->Size(), pooled + 1) << "the envelope goes back to the pool";
+  static int dropped = 0;
+  EXPECT_EQ(SLOT(fixture, DeliverToMachine)(id, &dropped, [](void*) { ++dropped; }), -1);
+  EXPECT_EQ(dropped, 1);
+}
+
+TEST(HostConnections, DeliverSplitAndBatchedFramesCloseOnBadOrOversizedInputAndReuseOutbound) {
+  int port = FreeLoopbackPort();
+  ProbeHost fixture("[network]\nlisten-ip = 127.0.0.1\ninput_limit = 4096\nlisten-port = " + std::to_string(port));
+  ASSERT_TRUE(fixture.ok()) << fixture.error();
+  probe::Control& probe = fixture.probe();
+  int client = ConnectLoopback(port);
+  ASSERT_TRUE(SendAll(client, Frame("a") + Frame("b")));
+  for (char byte : Frame("c")) {
+    ASSERT_TRUE(SendAll(client, std::string(1, byte)));
+    fixture.host().RunUntil([] { return false; }, 0.002);
+  }
+  ASSERT_TRUE(fixture.RunUntil([&] { return probe.seen.size() == 3; }));
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(probe.seen[i].text + std::to_string(probe.seen[i].state), "abc"[i] + "-1"s);
+  close(client);
+  ASSERT_TRUE(fixture.RunUntil([&] { return probe.disconnects.size() == 1; }));
+  EXPECT_EQ(probe.disconnects, probe.connects);
+  EXPECT_EQ(SLOT(fixture, GetConnectionBev)(probe.connects[0].first, probe.connects[0].second), nullptr);
+
+  unsigned char huge[4];
+  zelvar::PutFramePrefix(1 << 20, huge);  // more than the input limit, sent in pieces
+  for (std::string bad : {std::string("\0\0\0\3\xff\xff\xff", 7), std::string((char*)huge, 4)}) {
+    int fd = ConnectLoopback(port);
+    SendAll(fd, bad);
+    EXPECT_TRUE(fixture.RunUntil([&] { return !SendAll(fd, std::string(1024, 'z')) || !ReadAvailable(fd, &bad); }));
+    close(fd);
+  }
+  EXPECT_EQ(probe.disconnects.size(), 3u);
+  EXPECT_NE(fixture.LogText().find("over the input limit of 4096"), std::string::npos);
+
+  auto connectTo = [&] { return SLOT(fixture, ConnectTo)("127.0.0.1", port, 0); };
+  bufferevent* out = connectTo();
+  EXPECT_EQ(connectTo(), out) << "one connection per peer, while connecting";
+  ASSERT_TRUE(fixture.RunUntil([&] { return probe.connects.size() == 5; }));  // both of its ends
+  EXPECT_EQ(connectTo(), out) << "and once connected";
+}
+
+void RunLongAction(ProbeHost& fixture, uint32_t id, uint32_t flow, const std::string& command,
+                   const char* name = "ExecuteShell2") {
+  zelvar::ExecuteShell2 action(name);
+  action.Param(zelvar::ExecuteShell2::kCommandParam, command);
+  EXPECT_EQ(SLOT(fixture, StartLongAction)(&action, id, flow), 0);
+}
+
+// The records by flow number once `count` long actions answered (flow 0 is the adopting message).
+std::map<uint32_t, probe::Seen> LongActionRecords(ProbeHost& fixture, size_t count) {
+  std::map<uint32_t, probe::Seen> byFlow;
+  fixture.RunUntil([&] {
+    for (const probe::Seen& seen : fixture.probe().seen) byFlow[seen.flow_no] = seen;
+    return byFlow.size() >= count + 1;
+  });
+  byFlow.erase(0);
+  return byFlow;
+}
+
+TEST(HostLongActions, RecordsCarryOutputStatusAndTheHostsWordsWithinTheLimits) {
+  ProbeHost fixture("[long_action]\ntime_limit = 1\noutput_limit = 1000\nmax_children = 1\n");
+  ASSERT_TRUE(fixture.ok()) << fixture.error();
+  uint32_t id = AdoptedProbe(fixture)->GetMachineId();
+  RunLongAction(fixture, id, 1, "sleep 0.3; echo out; echo err >&2");
+  RunLongAction(fixture, id, 2, "cat; ls /proc/$$/fd; exit 3");  // no input, nothing but 0, 1 and 2 open
+  RunLongAction(fixture, id, 3, "echo never", "NoSuchAction");
+  RunLongAction(fixture, id, 4, "sleep 60 & echo $!; wait");
+  RunLongAction(fixture, id, 5, "head -c 5000 /dev/zero | tr '\\0' y; sleep 60");
+  RunLongAction(fixture, id, 6, "kill -9 $$");
+  auto records = LongActionRecords(fixture, 6);
+  std::string order, summary;  // summary: is it `id`, status, and but for the time limit's pid, the text
+  for (const probe::Seen& seen : fixture.probe().seen) order += std::to_string(seen.flow_no);
+  EXPECT_EQ(order, "0312456") << "one runs at a time, the others wait in order";
+  for (auto& [flow, r] : records) {
+    summary += std::to_string(r.machine_id == id) + std::to_string(r.status) + (flow == 4 ? " " : ":" + r.text + " ");
+  }
+  EXPECT_EQ(summary, "10:out\n|err\n 13:0\n1\n2\n|exit status 3 1-4:|unknown long action \"NoSuchAction\" 1-2 1-3:" +
+                         std::string(1000, 'y') + "|output passed the limit of 1000 bytes, process group killed " +
+                         "1137:|killed by signal 9 (SIGKILL) ");
+  std::string background = "/proc/" + records[4].text.substr(0, records[4].text.find('\n')) + "/stat";
+  EXPECT_TRUE(fixture.RunUntil([&] {
+    std::string stat = ReadFile(background);
+    return stat.empty() || stat[stat.rfind(')') + 2] == 'Z';
+  })) << "the time limit killed the command's whole group";
+}
+
+TEST(HostLongActions, AThousandConcurrentCommandsAllAnswerAndShutdownLeavesNothingBehind) {
+  int descriptorsBefore = CountOpenDescriptors();
+  auto fixture = std::make_unique<ProbeHost>("[long_action]\nmax_children = 1024\ntime_limit = 120\n");
+  ASSERT_TRUE(fixture->ok()) << fixture->error();
+  probe::Control& probe = fixture->probe();
+  uint32_t id = AdoptedProbe(*fixture)->GetMachineId();
+  for (uint32_t flow = 1; flow <= 1000; ++flow) {
+    RunLongAction(*fixture, id, flow, "sleep 1; echo " + std::to_string(flow));
+  }
+  auto records = LongActionRecords(*fixture, 1000);
+  ASSERT_EQ(records.size(), 1000u);
+  for (auto& r : records) ASSERT_EQ(r.second.text, std::to_string(r.first) + "\n|") << r.first;
+  RunLongAction(*fixture, id, 1001, "sleep 60");
+  AdoptedProbe(*fixture);
+  size_t seen = probe.seen.size();
+  fixture.reset();
+  EXPECT_EQ(probe.seen.size(), seen) << "nothing is delivered during shutdown";
+  EXPECT_EQ(probe.calls.back(), "OnUnload");
+  EXPECT_EQ(probe.ended.size(), 2u) << "machines end after their plug-in was told";
+  EXPECT_EQ(CountZombieChildren(), 0);
+  EXPECT_EQ(CountOpenDescriptors(), descriptorsBefore);
+}
+
+// Polls `done` (once per call) for up to 30 s.
+bool Eventually(const std::function<bool()>& done) {
+  for (int i = 0; i < 3000; ++i, std::this_thread::sleep_for(std::chrono::milliseconds(10))) {
+    if (done()) return true;
+  }
+  return false;
+}
+
+// zelvar-host in a child process with its standard error in `err`, killed and
+// reaped however the test ends.
+struct HostProcess {
+  HostProcess(const std::string& args, const std::string& err) {
+    std::string command = "exec " ZELVAR_HOST_PATH " " + args + " 2>" + err;
+    const char* argv[] = {"sh", "-c", command.c_str(), nullptr};
+    if (posix_spawn(&pid, "/bin/sh", nullptr, nullptr, const_cast<char**>(argv), nullptr) != 0) pid = -1;
+  }
+  ~HostProcess() {
+    if (pid > 0 && kill(pid, SIGKILL) == 0) waitpid(pid, nullptr, 0);
+  }
+  // The exit status, or -1 when the host does not end in time.
+  int Wait() {
+    int status = -1;
+    if (!Eventually([&] { return waitpid(pid, &status, WNOHANG) == pid; })) return -1;
+    pid = -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  }
+  pid_t pid = -1;
+};
+
+TEST(HostBinary, StartUpErrorsSayWhatIsWrongOnOneLineAndFailTheExit) {
+  TempDir dir;
+  std::string err = dir.Path() + "/err";
+  int taken = 0, listener = ListenLoopback(&taken);
+  std::string busy = "[network]\nlisten-ip = 127.0.0.1\nlisten-port = " + std::to_string(taken) + "\n";
+  const std::pair<std::string, std::string> cases[] = {
+      {dir.Path() + "/absent.ini", "cannot read configuration file " + dir.Path() + "/absent.ini: No such file"},
+      {dir.Write("syntax.ini", "[host]\n\n[plugins\n"), dir.Path() + "/syntax.ini:3: syntax error"},
+      {dir.Write("range.ini", "[host]\nlog_level = 9\n"), dir.Path() + "/range.ini: [host] log_level = \"9\" must be"},
+      {dir.Write("lib.ini", "[plugins]\nagent = no.so"), "cannot load plug-in \"agent\": " + dir.Path() + "/no.so:"},
+      {dir.Write("busy.ini", busy), "cannot listen on 127.0.0.1:" + std::to_string(taken) + ": Address already in use"},
+      {dir.Write("init.ini", "[host]\nlog_file = h\n[plugins]\np = " PROBE_PLUGIN_PATH "\n[probe]\ninit_result = 5"),
+       "plug-in \"p\" failed to start: OnInit returned 5"},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(HostProcess("-c " + c.first, err).Wait(), 1);
+    std::string text = ReadFile(err);
+    EXPECT_EQ(text.substr(0, c.second.size() + 13) + std::to_string(std::count(text.begin(), text.end(), '\n')),
+              "zelvar-host: " + c.second + "1");
+  }
+  close(listener);
+  EXPECT_EQ(HostProcess("", err).Wait(), 2);
+  EXPECT_EQ(ReadFile(err).rfind("usage: zelvar-host -c FILE\n", 0), 0u);
+}
+
+TEST(HostBinary, ReopensItsLogOnSighupAndStopsCleanlyOnSigterm) {
+  TempDir dir;
+  std::string log = dir.Path() + "/run.log";
+  HostProcess host("-c " + dir.Write("run.ini", "[host]\nlog_file = run.log\n[plugins]\nprobe = " PROBE_PLUGIN_PATH),
+                   dir.Path() + "/err");
+  ASSERT_TRUE(Eventually([&] { return ReadFile(log).find("zelvar-host started") != std::string::npos; }));
+  ASSERT_EQ(std::rename(log.c_str(), (log + ".1").c_str()), 0);
+  kill(host.pid, SIGHUP);
+  ASSERT_TRUE(Eventually([&] { return !ReadFile(log).empty(); }));
+  kill(host.pid, SIGTERM);
+  EXPECT_EQ(host.Wait(), 0);
+  EXPECT_EQ(ReadFile(dir.Path() + "/err"), "");
+  std::regex stop(".{23} INFO log file reopened\n[^]*signal 15 \\(SIGTERM\\)\n[^]*probe unloaded\n[^]*host stopped\n");
+  EXPECT_TRUE(std::regex_match(ReadFile(log), stop)) << ReadFile(log);
+}
+
+}  // namespace

@@ -1,0 +1,137 @@
+// libmessage: the machine runtime, machine types and envelopes.
+#include <gtest/gtest.h>
+
+#include <sstream>
+
+#include "zelvar/long_action.h"
+#include "zelvar/machine_factory.h"
+#include "zelvar/machine_runtime.h"
+#include "zelvar/message_util.h"
+
+namespace zelvar {
+namespace {
+
+constexpr unsigned kScriptedType = 4242001;
+std::string g_journal;
+MachineRuntime* g_echo = nullptr;  // set: every handler posts "echo" to its machine
+
+void Note(const std::string& entry) { g_journal += entry + "|"; }
+void DropText(void* text) {
+  Note("drop:" + *static_cast<std::string*>(text));
+  delete static_cast<std::string*>(text);
+}
+
+// Answers each event with the next scripted result; leaves state -1 for 1.
+class ScriptedMachine : public StateMachine {
+ public:
+  explicit ScriptedMachine(std::vector<int> results) : results(results) {}
+  ~ScriptedMachine() override { Note("end"); }
+  unsigned StateMachineType() override { return kScriptedType; }
+  const char* MachineName() override { return "Scripted"; }
+  void PreTranslate(InternalHead_t* head, void*) override { head_ = *head; }
+  int Timeout(bool machineTimeout) override {
+    Note(machineTimeout ? "mt" : "st");
+    return on_timeout;
+  }
+  int Handle(void* data) {
+    std::string seen = GetStateName() + (head_.flow_no != 0 ? "#" + std::to_string(head_.flow_no) : "");
+    if (head_.event_type == kEventPlugin) seen += ":" + *static_cast<std::string*>(data);
+    if (head_.event_type == kEventPlugin) delete static_cast<std::string*>(data);
+    Note(seen);
+    if (g_echo != nullptr) g_echo->PostById(GetMachineId(), PluginEvent(new std::string("echo"), DropText));
+    SetState(1);
+    int result = results.empty() ? kMachineDone : results.front();
+    if (!results.empty()) results.erase(results.begin());
+    return result;
+  }
+  std::vector<int> results;
+  int on_timeout = kMachineDone;
+
+ private:
+  InternalHead_t head_;
+};
+
+const bool kScriptedStates = [] {
+  auto handler = [](StateMachine* machine, event_key_t, void* data) {
+    return static_cast<ScriptedMachine*>(machine)->Handle(data);
+  };
+  StateMachine::SetGlobalStateList2(kScriptedType, -1, handler);
+  StateMachine::SetGlobalStateName(kScriptedType, -1, "Init");
+  StateMachine::SetGlobalStateList2(kScriptedType, 1, handler);
+  StateMachine::SetGlobalStateName(kScriptedType, 1, "Wait");
+  return true;
+}();
+
+struct FakeClock : MachineClock {
+  int64_t NowMs() const override { return now_ms; }
+  int64_t now_ms = 5000000;
+};
+
+// A machine answers with `results` (then 100) and a script drives it. Words:
+// Tn / tn machine / state timeout of n s; K keep the machine on a timeout; S
+// start; Qx post x before the start; Px post x by id; L post a long-action
+// record of flow 7; E echo from now on; R run what is pending; +n let n s pass
+// and fire timeouts. Logs read "log<level>".
+TEST(MachineRuntime, RunsMachinesByStateResultAndTimeout) {
+  const std::tuple<std::vector<int>, std::string, std::string> cases[] = {
+      {{0, 100}, "S Pa Pb R Pc R +3600", "Init|Wait:a|end|drop:b|drop:c|+3600|"},
+      {{0, 100}, "S L R", "Init|Wait#7|end|"},
+      {{-1}, "S", "Init|log3|end|"},
+      {{7}, "S", "Init|log4|end|"},
+      {{0, 0, 100}, "E S R R R", "Init|Wait:echo|Wait:echo|end|drop:echo|"},
+      {{0}, "T120 S +119 +1", "Init|+119|+1|mt|end|"},
+      {{0}, "K S +30 +29 +1", "Init|+30|mt|+29|+1|mt|end|"},
+      {{0, 0}, "T1000 t10 S +9 Pa R +1", "Init|+9|Wait:a|+1|st|end|"},
+      {{0}, "T1000 t5 Qa +3 R +3 +2", "+3|Init:a|+3|+2|st|end|"},
+  };
+  for (const auto& [results, script, journal] : cases) {
+    g_journal.clear();
+    {
+      FakeClock clock;
+      MachineRuntime runtime(&clock, 30);
+      runtime.SetLogger([](int level, const std::string&) { Note("log" + std::to_string(level)); });
+      auto* machine = new ScriptedMachine(results);
+      uint32_t id = machine->GetMachineId();
+      std::istringstream words(script);
+      for (std::string word; words >> word;) {
+        auto text = [&] { return PluginEvent(new std::string(word.substr(1)), DropText); };
+        if (word[0] == 'T') machine->SetMachineTimeout(std::stoi(word.substr(1)));
+        if (word[0] == 't') machine->SetStateTimeout(std::stoi(word.substr(1)));
+        if (word == "K") machine->on_timeout = kKeepMachine;
+        if (word == "S") runtime.Start(machine);
+        if (word[0] == 'Q') runtime.Post(machine, text());
+        if (word[0] == 'P') runtime.PostById(id, text());
+        if (word == "L") runtime.PostById(id, LongActionEvent(new LongActionResult{"", "", 0, 7}));
+        if (word == "E") g_echo = &runtime;
+        if (word == "R") runtime.RunPending();
+        if (word[0] == '+') Note(word), clock.now_ms += std::stoll(word) * 1000, runtime.FireTimeouts();
+      }
+      g_echo = nullptr;
+    }  // ends what still runs
+    EXPECT_EQ(g_journal, journal) << script;
+  }
+}
+
+TEST(MachineFactoryDeathTest, TwoCreatorsForOneTypeStopTheProcess) {
+  MachineCreator create = [] { return static_cast<StateMachine*>(new ScriptedMachine({})); };
+  MachineFactory::AddMachine(kScriptedType, create);
+  EXPECT_DEATH(MachineFactory::AddMachine(kScriptedType, create), "machine type 4242001 registered twice");
+}
+
+TEST(Envelopes, ARequestNamesItsAskerAndTheResponseGoesBackToIt) {
+  ZMessage request, response;
+  request.mutable_head()->set_dst_machine_id(77);  // left over from an earlier use
+  response.mutable_head()->set_result(9);
+  NewMessage(&request, 41, "s-1", 66015, 0, false, 1234, 0, nullptr, nullptr, nullptr);
+  EXPECT_EQ(request.head().ShortDebugString(),
+            "message_type: 66015 kind: 1 flow_no: 41 session: \"s-1\" src_machine_id: 1234 dst_machine_id: 0 "
+            "owner_machine_id: 1234 result: 0");
+  request.mutable_head()->set_owner_machine_id(66);  // forwarded on another machine's behalf
+  MakeResponse(request, 66016, &response);
+  EXPECT_EQ(response.head().ShortDebugString(),
+            "message_type: 66016 kind: 2 flow_no: 41 session: \"s-1\" src_machine_id: 0 dst_machine_id: 1234 "
+            "owner_machine_id: 66 result: 0");
+}
+
+}  // namespace
+}  // namespace zelvar
