@@ -1,6 +1,6 @@
-// ZkTestClient: a blocking ZooKeeper client for tests: it seeds nodes, looks
-// at them from a second session and acts on a plug-in's session, each call
-// waiting (within a bound) for the server's reply by driving the
+// ZkTestClient: a blocking ZooKeeper client for tests. It seeds nodes, looks
+// at them from a second session and can join a plug-in's session; each call
+// waits (within kWaitMs) for the server's reply by driving the
 // single-threaded client with poll().
 //
 // Owns its handle; Close() or the destructor ends its session. Test thread only.
@@ -19,13 +19,12 @@ class ZkTestClient {
   static constexpr int kWaitMs = 10000;
 
   ZkTestClient() = default;
-  ~ZkTestClient();
-
+  ~ZkTestClient() { Close(); }
   ZkTestClient(const ZkTestClient&) = delete;
   ZkTestClient& operator=(const ZkTestClient&) = delete;
 
-  // Opens a session (or joins `session` when given) and waits until connected.
-  bool Connect(const std::string& hosts, const clientid_t* session = nullptr, int sessionTimeoutMs = 4000);
+  // Opens a session (or joins `session`) and waits until it is connected.
+  bool Connect(const std::string& hosts, const clientid_t* session = nullptr);
   void Close();
 
   // ZooKeeper return codes; ZOPERATIONTIMEOUT when no reply came in time.
@@ -33,16 +32,17 @@ class ZkTestClient {
   // A persistent node, with empty persistent parents made as needed.
   int CreateWithParents(const std::string& path, const std::string& data);
   int Delete(const std::string& path);
-  int Exists(const std::string& path, Stat* stat = nullptr);
   int Get(const std::string& path, std::string* data, Stat* stat = nullptr);
+  int Exists(const std::string& path, Stat* stat = nullptr) { return Get(path, nullptr, stat); }
 
  private:
-  bool WaitFor(const std::function<bool()>& done, int limitMs);
-  static void OnSession(zhandle_t* zh, int type, int state, const char* path, void* context);
+  struct Reply;
+  // `rc` of the asynchronous call that was to fill `reply`, else its reply's.
+  int Await(int rc, const Reply& reply);
+  bool WaitFor(const std::function<bool()>& done);
 
   zhandle_t* m_pZh = nullptr;
-  bool m_bConnected = false;
-  bool m_bExpired = false;
+  int m_iState = 0;
 };
 
 }  // namespace zelvar::registry::testing
