@@ -1,0 +1,160 @@
+// The registry plug-ins without a server: the conformance suite on the
+// embedded registry, its configuration, and the pieces of the ZooKeeper
+// registry that can be driven by hand.
+#include <unistd.h>
+
+#include <cstdio>
+#include <map>
+
+#include "common/zk_command.h"
+#include "registry_test.h"
+#include "zelvar/kadri.pb.h"
+#include "zookeeper/children_listing.h"
+
+namespace zelvar::registry::testing {
+namespace {
+
+class EmbeddedUnderTest : public RegistryUnderTest {
+ public:
+  void Seed(const std::string& path, const std::string& address) override { m_mapNodes[path] = address; }
+  void EnsureParents(const std::string&) override {}  // it makes them itself
+  void Configure(TestHost& host) override {
+    for (const auto& node : m_mapNodes) host.SetConfig("embedded_registry", node.first, node.second);
+  }
+  const char* PluginPath() const override { return OVITA2_EMBEDDED_PLUGIN_PATH; }
+
+ private:
+  std::map<std::string, std::string> m_mapNodes;
+};
+
+INSTANTIATE_TEST_SUITE_P(Embedded, RegistryConformance,
+                         ::testing::Values(RegistryKind{"embedded", [] {
+                                                          return std::unique_ptr<RegistryUnderTest>(
+                                                              new EmbeddedUnderTest());
+                                                        }}),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+TEST(EmbeddedRegistry, KeepsOnlyConfiguredNodesWithAPathAndAnIpColonPort) {
+  TestHost host(ovita2::testing::PluginEntries{});
+  const char* bad[][2] = {{"n/relative", "127.0.0.1:1"}, {"/n/noport", "127.0.0.1"}, {"/n/noip", ":7100"},
+                          {"/n/empty", "host:"},         {"/n/zero", "host:0"},      {"/n/big", "host:65536"},
+                          {"/n/junk", "host:71x"},       {"/n/minus", "host:-1"},    {"/n/blank", ""}};
+  for (const auto& entry : bad) host.SetConfig("embedded_registry", entry[0], entry[1]);
+  host.SetConfig("embedded_registry", "/n/v4", "127.0.0.1:7100");
+  host.SetConfig("embedded_registry", "/n/v6", "[::1]:65535");
+  LoadedPlugin plugin(OVITA2_EMBEDDED_PLUGIN_PATH, host);
+  ASSERT_TRUE(plugin.Loaded());
+  ASSERT_EQ(plugin.Init(), 0);
+  EXPECT_TRUE(host.Logged("embedded registry: ready with 2 configured node(s)"));
+  EXPECT_EQ(host.LogLinesAt(4).size(), std::size(bad)) << "each ignored entry is reported";
+
+  AnswerRecorder* machine = AnswerRecorder::Start(host);
+  ASSERT_EQ(plugin.Call(machine, "listvalue", "/n", static_cast<watcher_fn>(nullptr)), 0);
+  ASSERT_TRUE(host.RunLoopUntil([&] { return !machine->answers.empty(); }));
+  const std::vector<ZKKeyValue>& nodes = machine->answers[0]->keyvalues;
+  ASSERT_EQ(nodes.size(), 2u);
+  kadri::NameNodeContent v6;
+  ASSERT_TRUE(v6.ParseFromString(nodes[0].key == "v6" ? nodes[0].value : nodes[1].value));
+  EXPECT_EQ(v6.ip(), "::1");
+  EXPECT_EQ(v6.port(), 65535);
+}
+
+TEST(ZooKeeperRegistry, RefusesToStartWithoutAnEnsemble) {
+  TestHost host(ovita2::testing::PluginEntries{});
+  LoadedPlugin plugin(OVITA2_ZOOKEEPER_PLUGIN_PATH, host);
+  ASSERT_TRUE(plugin.Loaded());
+  EXPECT_EQ(plugin.Init(), -1);
+  EXPECT_EQ(host.LogLinesAt(4).size(), 1u) << "the missing setting is reported";
+  EXPECT_FALSE(plugin.IsReady());
+  AnswerRecorder* machine = AnswerRecorder::Start(host);
+  EXPECT_NE(plugin.Call(machine, "listvalue", "/", static_cast<watcher_fn>(nullptr)), 0);
+}
+
+TEST(ZKCommand, NodePathsFollowZooKeepersRules) {
+  for (const char* good : {"/", "/a", "/a/b", "/ovita2/names/MASTER/m-1", "/a.b/..c"}) {
+    EXPECT_TRUE(ZKCommand::IsValidPath(good, false)) << good;
+  }
+  for (const char* bad : {"", "a", "a/b", "/a/", "//", "/a//b", "/a/./b", "/a/..", "/.", "/queue/"}) {
+    EXPECT_FALSE(ZKCommand::IsValidPath(bad, false)) << bad;
+  }
+  EXPECT_FALSE(ZKCommand::IsValidPath(nullptr, false));
+  // A sequential node may be named by its parent alone: "/queue/" gives "/queue/0000000003".
+  EXPECT_TRUE(ZKCommand::IsValidPath("/queue/", true));
+  EXPECT_FALSE(ZKCommand::IsValidPath("/queue//", true));
+}
+
+TEST(ChildrenListing, AnswersOnceEveryChildIsBackLeavingOutVanishedOnes) {
+  Stat parent{};
+  parent.numChildren = 4;
+  ChildrenListing listing(7, parent, {"m1", "gone", "m2", "m3"});
+  Stat stat{};
+  stat.dataLength = 5;
+  listing.ChildFetched(3, ZOK, "c", 1, &stat);
+  listing.ChildFetched(0, ZOK, "aa", 2, &stat);
+  listing.ChildFetched(0, ZOK, "late duplicate", 14, &stat);  // a reply is counted once
+  listing.ChildFetched(1, ZNONODE, nullptr, -1, nullptr);
+  EXPECT_EQ(listing.TakeAnswer(), nullptr) << "m2 is not back yet";
+  listing.ChildFetched(2, ZOK, std::string("b\0bbb", 5).c_str(), 5, &stat);
+
+  std::unique_ptr<ZKPluginResponse> answer(listing.TakeAnswer());
+  ASSERT_NE(answer, nullptr);
+  EXPECT_EQ(listing.TakeAnswer(), nullptr) << "handed out once";
+  EXPECT_EQ(answer->stat.numChildren, 4);
+  ASSERT_EQ(answer->keyvalues.size(), 3u);
+  EXPECT_EQ(answer->keyvalues[0].key + answer->keyvalues[1].key + answer->keyvalues[2].key, "m1m2m3");
+  EXPECT_EQ(answer->keyvalues[0].value, "aa");
+  EXPECT_EQ(answer->keyvalues[1].value, std::string("b\0bbb", 5));
+  EXPECT_EQ(answer->keyvalues[1].stat.dataLength, 5);
+
+  std::unique_ptr<ZKPluginResponse> empty(ChildrenListing(1, parent, {}).TakeAnswer());
+  ASSERT_NE(empty, nullptr) << "nothing to wait for";
+  EXPECT_EQ(empty->type, ZKPluginResponse::T_KEYVALUES);
+}
+
+TEST(ChildrenListing, AnyOtherErrorFailsTheWholeListingAtOnce) {
+  ChildrenListing listing(1, Stat{}, {"a", "b", "c"});
+  listing.ChildFetched(1, ZCONNECTIONLOSS, nullptr, -1, nullptr);
+  std::unique_ptr<ZKPluginResponse> answer(listing.TakeAnswer());
+  ASSERT_NE(answer, nullptr) << "no need to wait for the other reads";
+  EXPECT_EQ(answer->retcode, ZCONNECTIONLOSS);
+  EXPECT_EQ(answer->error_message, "connection loss");
+  EXPECT_TRUE(answer->keyvalues.empty());
+  Stat stat{};
+  listing.ChildFetched(0, ZOK, "a", 1, &stat);
+  listing.ChildFetched(2, ZOK, "c", 1, &stat);
+  listing.Fail(ZSESSIONEXPIRED);
+  EXPECT_EQ(listing.TakeAnswer(), nullptr) << "the failed listing was answered already";
+}
+
+std::string DumpText(const ZKPluginResponse& response) {
+  FILE* file = tmpfile();
+  response.Dump(fileno(file));
+  std::string text(4096, '\0');
+  text.resize(pread(fileno(file), &text[0], text.size(), 0));
+  fclose(file);
+  return text;
+}
+
+TEST(ZKPluginResponse, DumpWritesThePresentItemsOrOnlyTheErrorOfAFailure) {
+  ZKPluginResponse response;
+  response.type = ZKPluginResponse::T_KEYVALUES;
+  response.flags = ZKPluginResponse::kHasString | ZKPluginResponse::kHasStat | ZKPluginResponse::kHasKeyValues;
+  response.string = "text";
+  response.stat = Stat{(1LL << 32) + 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11};
+  response.strings = {"not flagged"};
+  response.keyvalues.push_back(ZKKeyValue{"m1", std::string("ab\0cd", 5), Stat{}});
+  EXPECT_EQ(DumpText(response),
+            "retcode:0, type:T_KEYVALUES\nstring:text\n"
+            "stat=czxid=4294967297;mzxid=2;ctime=3;mtime=4;version=5;cversion=6;aversion=7;ephemeralOwner=8;"
+            "dataLength=9;numChildren=10;pzxid=11;\n"
+            "key=m1,value=ab,stat=czxid=0;mzxid=0;ctime=0;mtime=0;version=0;cversion=0;aversion=0;ephemeralOwner=0;"
+            "dataLength=0;numChildren=0;pzxid=0;\n");
+
+  response.retcode = ZNONODE;
+  response.type = 9;
+  response.error_message = "no node";
+  EXPECT_EQ(DumpText(response), "retcode:-101, type:T_UNKNOWN\nerror_message:no node\n");
+}
+
+}  // namespace
+}  // namespace zelvar::registry::testing
