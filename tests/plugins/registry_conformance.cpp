@@ -13,10 +13,9 @@ std::vector<ZKKeyValue> ByKey(std::vector<ZKKeyValue> children) {
   return children;
 }
 
-kadri::NameNodeContent Parse(const std::string& bytes) {
+int32_t PortIn(const std::string& bytes) {
   kadri::NameNodeContent content;
-  EXPECT_TRUE(content.ParseFromString(bytes));
-  return content;
+  return content.ParseFromString(bytes) ? content.port() : -1;
 }
 
 int watcherCalls = 0;
@@ -24,59 +23,50 @@ void CountingWatcher(zhandle_t*, int, int, const char*, void*) { ++watcherCalls;
 int callbackCalls = 0;
 void CountingCallback() { ++callbackCalls; }
 
-constexpr watcher_fn kNoWatch = nullptr;
-constexpr int64_t kYear2020Ms = 1577836800000LL;  // a floor for any plausible ctime
-
 }  // namespace
 
 TEST_P(RegistryConformance, ListValueGivesEachChildWithItsDataAndStat) {
   m_pRegistry->Seed("/ovita2/names/MASTER/m1", "127.0.0.1:7100");
   m_pRegistry->Seed("/ovita2/names/MASTER/m2", "10.1.2.3:7200");
   ASSERT_NO_FATAL_FAILURE(Load());
-  AnswerRecorder* machine = AnswerRecorder::Start(m_host);
 
-  ASSERT_EQ(m_pPlugin->Call(machine, "listvalue", "/ovita2/names/MASTER", kNoWatch), 0);
-  const ZKPluginResponse* answer = Await(machine, 1);
+  ASSERT_EQ(Call("listvalue", "/ovita2/names/MASTER", kNoWatch), 0);
+  const ZKPluginResponse* answer = Await(1);
   ASSERT_NE(answer, nullptr);
-  EXPECT_EQ(answer->retcode, 0);
   EXPECT_EQ(answer->type, ZKPluginResponse::T_KEYVALUES);
   EXPECT_EQ(answer->flags, ZKPluginResponse::kHasStat | ZKPluginResponse::kHasKeyValues);
   EXPECT_EQ(answer->stat.numChildren, 2);
   std::vector<ZKKeyValue> children = ByKey(answer->keyvalues);
   ASSERT_EQ(children.size(), 2u);
   EXPECT_EQ(children[0].key, "m1");
-  EXPECT_EQ(Parse(children[0].value).ip(), "127.0.0.1");
-  EXPECT_EQ(Parse(children[0].value).port(), 7100);
+  EXPECT_EQ(PortIn(children[0].value), 7100);
   EXPECT_EQ(children[1].key, "m2");
-  EXPECT_EQ(Parse(children[1].value).port(), 7200);
+  EXPECT_EQ(PortIn(children[1].value), 7200);
   for (const ZKKeyValue& child : children) {
     EXPECT_EQ(child.stat.dataLength, static_cast<int32_t>(child.value.size())) << child.key;
     EXPECT_EQ(child.stat.ephemeralOwner, 0) << child.key;
     EXPECT_EQ(child.stat.mzxid, child.stat.czxid) << child.key;
-    EXPECT_GT(child.stat.ctime, kYear2020Ms) << child.key;
+    EXPECT_GT(child.stat.ctime, 1577836800000LL) << child.key << ": before 2020";
   }
   EXPECT_LT(children[0].stat.czxid, children[1].stat.czxid) << "m1 was created first";
 
-  // One level up, the parent is a child with no data, that counts its children.
-  ASSERT_EQ(m_pPlugin->Call(machine, "listvalue", "/ovita2/names", kNoWatch), 0);
-  answer = Await(machine, 2);
+  // One level up, the parent is a child with no data that counts its children.
+  ASSERT_EQ(Call("listvalue", "/ovita2/names", kNoWatch), 0);
+  answer = Await(2);
   ASSERT_NE(answer, nullptr);
   ASSERT_EQ(answer->keyvalues.size(), 1u);
-  EXPECT_EQ(answer->keyvalues[0].key, "MASTER");
-  EXPECT_EQ(answer->keyvalues[0].value, "");
-  EXPECT_EQ(answer->keyvalues[0].stat.numChildren, 2);
-  EXPECT_EQ(answer->keyvalues[0].stat.cversion, 2);
-  EXPECT_EQ(answer->keyvalues[0].stat.pzxid, children[1].stat.czxid);
+  const ZKKeyValue& parent = answer->keyvalues[0];
+  EXPECT_EQ(parent.key + parent.value, "MASTER");
+  EXPECT_EQ(parent.stat.numChildren, 2);
+  EXPECT_EQ(parent.stat.cversion, 2);
+  EXPECT_EQ(parent.stat.pzxid, children[1].stat.czxid);
 
-  ASSERT_EQ(m_pPlugin->Call(machine, "listvalue", "/ovita2/names/MASTER/m1", kNoWatch), 0);
-  answer = Await(machine, 3);
-  ASSERT_NE(answer, nullptr);
+  ASSERT_EQ(Call("listvalue", "/ovita2/names/MASTER/m1", kNoWatch), 0);
+  ASSERT_NE(answer = Await(3), nullptr);
   EXPECT_EQ(answer->retcode, 0);
   EXPECT_TRUE(answer->keyvalues.empty()) << "a leaf has no children";
-
-  ASSERT_EQ(m_pPlugin->Call(machine, "listvalue", "/ovita2/names/NOBODY", kNoWatch), 0);
-  answer = Await(machine, 4);
-  ASSERT_NE(answer, nullptr);
+  ASSERT_EQ(Call("listvalue", "/ovita2/names/NOBODY", kNoWatch), 0);
+  ASSERT_NE(answer = Await(4), nullptr);
   EXPECT_EQ(answer->retcode, ZNONODE);
   EXPECT_EQ(answer->error_message, "no node");
   EXPECT_EQ(answer->type, ZKPluginResponse::T_VOID);
@@ -86,109 +76,97 @@ TEST_P(RegistryConformance, ListValueGivesEachChildWithItsDataAndStat) {
 TEST_P(RegistryConformance, CreateAnswersAsAServerWouldAndKeepsTheDataByteForByte) {
   m_pRegistry->EnsureParents("/ovita2/agents/host-a");
   ASSERT_NO_FATAL_FAILURE(Load());
-  AnswerRecorder* machine = AnswerRecorder::Start(m_host);
-  std::string data("\x0a\x0b" "192.168.0.7\0tail", 18);
+  const std::string data("\x0a\x0b" "192.168.0.7\0tail", 18);
   auto create = [&](const char* path, int flags, const char* bytes = nullptr, int64_t length = 0) {
-    EXPECT_EQ(m_pPlugin->Call(machine, "create", path, bytes, length, flags), 0);
-    const ZKPluginResponse* answer = Await(machine, machine->answers.size() + 1);
-    return answer != nullptr ? std::make_pair(answer->retcode, answer->string) : std::make_pair(-1, std::string());
+    EXPECT_EQ(Call("create", path, bytes, length, flags), 0);
+    const ZKPluginResponse* answer = Await(m_pMachine->answers.size() + 1);
+    return answer == nullptr ? "no answer" : answer->retcode != 0 ? answer->error_message : answer->string;
   };
 
-  int64_t length = static_cast<int64_t>(data.size());
-  EXPECT_EQ(create("/ovita2/agents/host-a", ZOO_EPHEMERAL, data.data(), length),
-            std::make_pair(0, std::string("/ovita2/agents/host-a")));
-  EXPECT_EQ(machine->answers.back()->type, ZKPluginResponse::T_STRING);
-  EXPECT_EQ(create("/ovita2/agents/host-a", ZOO_EPHEMERAL, data.data(), length).first, ZNODEEXISTS);
-  EXPECT_EQ(machine->answers.back()->error_message, "node exists");
-  EXPECT_EQ(create("/ovita2/agents/host-a/child", ZOO_PERSISTENT).first, ZNOCHILDRENFOREPHEMERALS);
-  EXPECT_EQ(create("/ovita2/agents/plain", ZOO_PERSISTENT).first, 0) << "no data at all is an empty node";
+  EXPECT_EQ(create("/ovita2/agents/host-a", ZOO_EPHEMERAL, data.data(), 18), "/ovita2/agents/host-a");
+  EXPECT_EQ(m_pMachine->answers.back()->type, ZKPluginResponse::T_STRING);
+  EXPECT_EQ(create("/ovita2/agents/host-a", ZOO_EPHEMERAL, data.data(), 18), "node exists");
+  EXPECT_EQ(m_pMachine->answers.back()->retcode, ZNODEEXISTS);
+  EXPECT_EQ(create("/ovita2/agents/host-a/child", ZOO_PERSISTENT), "no children for ephemerals");
+  EXPECT_EQ(create("/ovita2/agents/plain", ZOO_PERSISTENT), "/ovita2/agents/plain") << "no data is an empty node";
   // The number is the parent's count of child creations, whatever their kind.
-  EXPECT_EQ(create("/ovita2/agents/seq-", ZOO_PERSISTENT_SEQUENTIAL, "s", 1).second, "/ovita2/agents/seq-0000000002");
-  EXPECT_EQ(create("/ovita2/agents/seq-", ZOO_EPHEMERAL_SEQUENTIAL).second, "/ovita2/agents/seq-0000000003");
-  EXPECT_EQ(create("/ovita2/agents/", ZOO_PERSISTENT_SEQUENTIAL).second, "/ovita2/agents/0000000004");
+  EXPECT_EQ(create("/ovita2/agents/seq-", ZOO_PERSISTENT_SEQUENTIAL, "s", 1), "/ovita2/agents/seq-0000000002");
+  EXPECT_EQ(create("/ovita2/agents/seq-", ZOO_EPHEMERAL_SEQUENTIAL), "/ovita2/agents/seq-0000000003");
+  EXPECT_EQ(create("/ovita2/agents/", ZOO_PERSISTENT_SEQUENTIAL), "/ovita2/agents/0000000004");
 
-  ASSERT_EQ(m_pPlugin->Call(machine, "get", "/ovita2/agents/host-a", &CountingWatcher), 0);
-  const ZKPluginResponse* read = Await(machine, 8);
+  ASSERT_EQ(Call("get", "/ovita2/agents/host-a", kNoWatch), 0);
+  const ZKPluginResponse* read = Await(8);
   ASSERT_NE(read, nullptr);
   EXPECT_EQ(read->type, ZKPluginResponse::T_DATA);
   EXPECT_TRUE(read->flags & ZKPluginResponse::kHasStat);
   EXPECT_EQ(read->string, data);
-  EXPECT_EQ(read->stat.dataLength, static_cast<int32_t>(data.size()));
+  EXPECT_EQ(read->stat.dataLength, 18);
   EXPECT_NE(read->stat.ephemeralOwner, 0) << "an ephemeral node names its owner";
-
-  ASSERT_EQ(m_pPlugin->Call(machine, "listvalue", "/ovita2/agents", kNoWatch), 0);
-  const ZKPluginResponse* listed = Await(machine, 9);
+  ASSERT_EQ(Call("listvalue", "/ovita2/agents", kNoWatch), 0);
+  const ZKPluginResponse* listed = Await(9);
   ASSERT_NE(listed, nullptr);
   std::vector<ZKKeyValue> children = ByKey(listed->keyvalues);
   ASSERT_EQ(children.size(), 5u);
-  EXPECT_EQ(children[1].key, "host-a");
-  EXPECT_EQ(children[1].value, data);
+  EXPECT_EQ(children[1].key + children[1].value, "host-a" + data);
   EXPECT_EQ(children[1].stat.czxid, read->stat.czxid);
 }
 
 TEST_P(RegistryConformance, GetOfAMissingNodeIsNoNodeAndArmsNoWatch) {
   m_pRegistry->EnsureParents("/ovita2/agents/late");
   ASSERT_NO_FATAL_FAILURE(Load());
-  AnswerRecorder* machine = AnswerRecorder::Start(m_host);
   watcherCalls = 0;
-
-  ASSERT_EQ(m_pPlugin->Call(machine, "get", "/ovita2/agents/late", &CountingWatcher), 0);
-  const ZKPluginResponse* missing = Await(machine, 1);
+  ASSERT_EQ(Call("get", "/ovita2/agents/late", &CountingWatcher), 0);
+  const ZKPluginResponse* missing = Await(1);
   ASSERT_NE(missing, nullptr);
   EXPECT_EQ(missing->retcode, ZNONODE);
-  EXPECT_EQ(missing->error_message, "no node");
   // Creating the node afterwards would fire a watch that had been armed.
-  ASSERT_EQ(m_pPlugin->Call(machine, "create", "/ovita2/agents/late", "x", int64_t{1}, ZOO_EPHEMERAL), 0);
-  ASSERT_EQ(m_pPlugin->Call(machine, "get", "/ovita2/agents/late", kNoWatch), 0);
-  Await(machine, 3);
+  ASSERT_EQ(Call("create", "/ovita2/agents/late", "x", int64_t{1}, ZOO_EPHEMERAL), 0);
+  ASSERT_EQ(Call("get", "/ovita2/agents/late", kNoWatch), 0);
+  Await(3);
   EXPECT_EQ(watcherCalls, 0);
 }
 
 TEST_P(RegistryConformance, EachAnswerGoesToItsIssuerAndOneForAGoneMachineIsDropped) {
   m_pRegistry->Seed("/ovita2/names/MASTER/m1", "127.0.0.1:7100");
   ASSERT_NO_FATAL_FAILURE(Load());
-  AnswerRecorder* lister = AnswerRecorder::Start(m_host);
   AnswerRecorder* reader = AnswerRecorder::Start(m_host);
   unsigned goneId = std::make_unique<AnswerRecorder>()->GetMachineId();
 
-  ASSERT_EQ(m_pPlugin->Call(lister, "listvalue", "/ovita2/names/MASTER", kNoWatch), 0);
+  ASSERT_EQ(Call("listvalue", "/ovita2/names/MASTER", kNoWatch), 0);
   ASSERT_EQ(m_pPlugin->Call(reader, "get", "/ovita2/names/MASTER/m1", kNoWatch), 0);
   ASSERT_EQ(m_pPlugin->Handle()->ZKPluginCall(goneId, "get", "/ovita2/names/MASTER/m1", kNoWatch), 0);
   // Whether the dropped answer was freed is the sanitizer build's leak check.
   m_host.RunLoopUntil([&] {
-    return lister->answers.size() + reader->answers.size() + m_host.UndeliveredRecords() >= 3;
+    return m_pMachine->answers.size() + reader->answers.size() + m_host.UndeliveredRecords() >= 3;
   });
-  ASSERT_EQ(lister->answers.size(), 1u);
+  ASSERT_EQ(m_pMachine->answers.size(), 1u);
   ASSERT_EQ(reader->answers.size(), 1u);
   EXPECT_EQ(m_host.UndeliveredRecords(), 1u);
-  EXPECT_EQ(lister->answers[0]->type, ZKPluginResponse::T_KEYVALUES);
-  EXPECT_EQ(reader->answers[0]->type, ZKPluginResponse::T_DATA);
-  EXPECT_EQ(Parse(reader->answers[0]->string).port(), 7100);
+  EXPECT_EQ(m_pMachine->answers[0]->type, ZKPluginResponse::T_KEYVALUES);
+  EXPECT_EQ(PortIn(reader->answers[0]->string), 7100);
 }
 
 TEST_P(RegistryConformance, RefusedCommandsAndSetCallbackProduceNoAnswer) {
   m_pRegistry->Seed("/ovita2/names/MASTER/m1", "127.0.0.1:7100");
   ASSERT_NO_FATAL_FAILURE(Load());
-  AnswerRecorder* machine = AnswerRecorder::Start(m_host);
   callbackCalls = 0;
-
-  EXPECT_NE(m_pPlugin->Call(machine, "delete", "/ovita2/names/MASTER/m1", kNoWatch), 0);
-  EXPECT_NE(m_pPlugin->Call(machine, "LISTVALUE", "/ovita2/names", kNoWatch), 0);
-  EXPECT_NE(m_pPlugin->Call(machine, "listvalue", static_cast<const char*>(nullptr), kNoWatch), 0);
+  EXPECT_NE(Call("delete", "/ovita2/names/MASTER/m1", kNoWatch), 0);
+  EXPECT_NE(Call("LISTVALUE", "/ovita2/names", kNoWatch), 0);
+  EXPECT_NE(Call("listvalue", static_cast<const char*>(nullptr), kNoWatch), 0);
   for (const char* badPath : {"ovita2/names", "/ovita2/names/", "/ovita2//names", "/ovita2/./names"}) {
-    EXPECT_NE(m_pPlugin->Call(machine, "get", badPath, kNoWatch), 0) << badPath;
+    EXPECT_NE(Call("get", badPath, kNoWatch), 0) << badPath;
   }
-  EXPECT_NE(m_pPlugin->Call(machine, "create", "/ovita2/x", "abc", int64_t{-1}, ZOO_EPHEMERAL), 0);
-  EXPECT_NE(m_pPlugin->Call(machine, "create", "/ovita2/x", "abc", int64_t{1} << 32, ZOO_EPHEMERAL), 0);
-  EXPECT_NE(m_pPlugin->Call(machine, "create", "/ovita2/x", static_cast<const char*>(nullptr), int64_t{3}, 0), 0);
-  EXPECT_NE(m_pPlugin->Handle()->ZKPluginCall(machine->GetMachineId(), nullptr), 0);
-  EXPECT_EQ(m_pPlugin->Call(machine, "set_callback", &CountingCallback), 0);
+  EXPECT_NE(Call("create", "/ovita2/x", "abc", int64_t{-1}, ZOO_EPHEMERAL), 0);
+  EXPECT_NE(Call("create", "/ovita2/x", "abc", int64_t{1} << 32, ZOO_EPHEMERAL), 0);
+  EXPECT_NE(Call("create", "/ovita2/x", static_cast<const char*>(nullptr), int64_t{3}, 0), 0);
+  EXPECT_NE(m_pPlugin->Handle()->ZKPluginCall(m_pMachine->GetMachineId(), nullptr), 0);
+  EXPECT_EQ(Call("set_callback", &CountingCallback), 0);
 
   // One accepted command afterwards: its answer is the only one that comes.
-  ASSERT_EQ(m_pPlugin->Call(machine, "get", "/ovita2/names/MASTER/m1", kNoWatch), 0);
-  Await(machine, 1);
+  ASSERT_EQ(Call("get", "/ovita2/names/MASTER/m1", kNoWatch), 0);
+  Await(1);
   m_host.RunLoopUntil([] { return false; }, 100);
-  EXPECT_EQ(machine->answers.size(), 1u);
+  EXPECT_EQ(m_pMachine->answers.size(), 1u);
   EXPECT_EQ(callbackCalls, 0) << "the connection was never lost";
 }
 

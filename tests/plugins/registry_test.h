@@ -1,9 +1,7 @@
 // What the registry plug-ins' tests share: a machine that keeps the answers it
 // is given, a plug-in loaded from where it was built (as zelvar-host loads it)
-// onto the shared test host, and the conformance suite's fixture, run against
-// each registry (registry_conformance.cpp).
-//
-// Test thread only.
+// onto the shared test host, and the fixture of the conformance suite that
+// every registry must pass (registry_conformance.cpp). Test thread only.
 #ifndef OVITA2_TESTS_PLUGINS_REGISTRY_TEST_H
 #define OVITA2_TESTS_PLUGINS_REGISTRY_TEST_H
 
@@ -20,25 +18,24 @@
 namespace zelvar::registry::testing {
 
 using ovita2::testing::TestHost;
+constexpr watcher_fn kNoWatch = nullptr;
 
-// Stands in for the agent's machines that issue registry commands. Owned by
-// the host's runtime once started.
+// Stands in for the agent's machines that issue registry commands.
 class AnswerRecorder : public StateMachine {
  public:
+  // Owned by the host's runtime from here on.
   static AnswerRecorder* Start(TestHost& host) {
-    static const bool declared = (SetGlobalStateList2(kType, kInitialState, &Keep), true);
+    static const bool declared = (SetGlobalStateList2(4290001, kInitialState, &Keep), true);
     (void)declared;
     auto* recorder = new AnswerRecorder();
     host.Start(recorder);
     return recorder;
   }
-  unsigned StateMachineType() override { return kType; }
+  unsigned StateMachineType() override { return 4290001; }
   const char* MachineName() override { return "AnswerRecorder"; }
-
   std::vector<std::unique_ptr<ZKPluginResponse>> answers;
 
  private:
-  static constexpr unsigned kType = 4290001;
   static int Keep(StateMachine* machine, event_key_t, void* answer) {
     auto* recorder = static_cast<AnswerRecorder*>(machine);
     if (answer != nullptr) recorder->answers.emplace_back(static_cast<ZKPluginResponse*>(answer));
@@ -46,27 +43,25 @@ class AnswerRecorder : public StateMachine {
   }
 };
 
-// dlopen, then OnPeekInterface with the host's table; OnUnload (unless done)
-// and dlclose on destruction.
+// OnPeekInterface with the host's table on construction; OnUnload (unless
+// done) and dlclose on destruction.
 class LoadedPlugin {
  public:
   LoadedPlugin(const char* path, TestHost& host) : m_pLibrary(dlopen(path, RTLD_NOW | RTLD_LOCAL)) {
-    if (m_pLibrary == nullptr) ADD_FAILURE() << dlerror();
     if (m_pLibrary != nullptr) Entry<OnPeekInterfaceFn>("OnPeekInterface")(host.Table());
   }
   ~LoadedPlugin() {
-    if (m_pLibrary == nullptr) return;
     Unload();
-    dlclose(m_pLibrary);
+    if (m_pLibrary != nullptr) dlclose(m_pLibrary);
   }
   LoadedPlugin(const LoadedPlugin&) = delete;
   LoadedPlugin& operator=(const LoadedPlugin&) = delete;
 
-  bool Loaded() const { return m_pLibrary != nullptr; }
-  int Init() { return Entry<OnInitFn>("OnInit")(nullptr); }
+  // OnInit; -2 when the library could not be opened.
+  int Init() { return m_pLibrary != nullptr ? Entry<OnInitFn>("OnInit")(nullptr) : -2; }
   bool IsReady() { return Entry<OnIsReadyFn>("OnIsReady")() != 0; }
   void Unload() {
-    if (!m_bUnloaded) Entry<OnUnloadFn>("OnUnload")();
+    if (m_pLibrary != nullptr && !m_bUnloaded) Entry<OnUnloadFn>("OnUnload")();
     m_bUnloaded = true;
   }
   ZKPluginHandle* Handle() { return static_cast<ZKPluginHandle*>(Entry<OnGetPluginHandleFn>("OnGetPluginHandle")()); }
@@ -80,21 +75,18 @@ class LoadedPlugin {
   Fn Entry(const char* name) {
     return reinterpret_cast<Fn>(dlsym(m_pLibrary, name));
   }
-
   void* m_pLibrary;
   bool m_bUnloaded = false;
 };
 
 // One registry as the conformance suite sees it.
-class RegistryUnderTest {
- public:
+struct RegistryUnderTest {
   virtual ~RegistryUnderTest() = default;
-  // A persistent node holding ip:port `address` as a NameNodeContent, with
-  // its parents; before the plug-in loads.
+  // A node holding ip:port `address` as a NameNodeContent, with its parents;
+  // before the plug-in loads.
   virtual void Seed(const std::string& path, const std::string& address) = 0;
   // Makes `path`'s parents exist, so that the plug-in can create it.
   virtual void EnsureParents(const std::string& path) = 0;
-  // Writes the plug-in's configuration into the host.
   virtual void Configure(TestHost& host) = 0;
   virtual const char* PluginPath() const = 0;
 };
@@ -103,29 +95,41 @@ struct RegistryKind {
   const char* name;
   std::unique_ptr<RegistryUnderTest> (*make)();
 };
+template <typename UnderTest>
+std::unique_ptr<RegistryUnderTest> Make() {
+  return std::make_unique<UnderTest>();
+}
+inline void PrintTo(const RegistryKind& kind, std::ostream* out) { *out << kind.name; }
+inline std::string KindName(const ::testing::TestParamInfo<RegistryKind>& info) { return info.param.name; }
 
 class RegistryConformance : public ::testing::TestWithParam<RegistryKind> {
  protected:
   void SetUp() override { ASSERT_FALSE(HasFailure()) << "the registry could not be prepared"; }
-  // Configures, loads and initialises the plug-in, and waits until it is ready.
-  void Load() {
+
+  // Configures, loads and initialises the plug-in; and waits until it is ready.
+  void Load(bool awaitReady = true) {
     m_pRegistry->Configure(m_host);
     m_host.CountUndeliveredRecords();
     m_pPlugin = std::make_unique<LoadedPlugin>(m_pRegistry->PluginPath(), m_host);
-    ASSERT_TRUE(m_pPlugin->Loaded());
     ASSERT_EQ(m_pPlugin->Init(), 0);
-    ASSERT_TRUE(m_host.RunLoopUntil([this] { return m_pPlugin->IsReady(); })) << "never ready";
+    m_pMachine = AnswerRecorder::Start(m_host);
+    ASSERT_TRUE(!awaitReady || m_host.RunLoopUntil([this] { return m_pPlugin->IsReady(); })) << "never ready";
   }
-  // Waits until `machine` holds `count` answers; the last one, or null.
-  const ZKPluginResponse* Await(const AnswerRecorder* machine, size_t count) {
-    m_host.RunLoopUntil([&] { return machine->answers.size() >= count; });
-    EXPECT_EQ(machine->answers.size(), count);
-    return machine->answers.size() == count ? machine->answers.back().get() : nullptr;
+  // Waits until `m_pMachine` holds `count` answers; the last one, or null.
+  const ZKPluginResponse* Await(size_t count) {
+    m_host.RunLoopUntil([&] { return m_pMachine->answers.size() >= count; });
+    EXPECT_EQ(m_pMachine->answers.size(), count);
+    return m_pMachine->answers.size() == count ? m_pMachine->answers.back().get() : nullptr;
+  }
+  template <typename... Args>
+  int Call(const char* command, Args... args) {
+    return m_pPlugin->Call(m_pMachine, command, args...);
   }
 
   TestHost m_host{ovita2::testing::PluginEntries{}};
   std::unique_ptr<RegistryUnderTest> m_pRegistry = GetParam().make();
   std::unique_ptr<LoadedPlugin> m_pPlugin;
+  AnswerRecorder* m_pMachine = nullptr;
 };
 
 }  // namespace zelvar::registry::testing
