@@ -43,16 +43,17 @@ class AnswerRecorder : public StateMachine {
   }
 };
 
-// OnPeekInterface with the host's table on construction; OnUnload (unless
-// done) and dlclose on destruction.
+// OnPeekInterface with the host's table on construction; OnUnload and dlclose
+// on destruction.
 class LoadedPlugin {
  public:
   LoadedPlugin(const char* path, TestHost& host) : m_pLibrary(dlopen(path, RTLD_NOW | RTLD_LOCAL)) {
     if (m_pLibrary != nullptr) Entry<OnPeekInterfaceFn>("OnPeekInterface")(host.Table());
   }
   ~LoadedPlugin() {
-    Unload();
-    if (m_pLibrary != nullptr) dlclose(m_pLibrary);
+    if (m_pLibrary == nullptr) return;
+    Entry<OnUnloadFn>("OnUnload")();
+    dlclose(m_pLibrary);
   }
   LoadedPlugin(const LoadedPlugin&) = delete;
   LoadedPlugin& operator=(const LoadedPlugin&) = delete;
@@ -60,10 +61,6 @@ class LoadedPlugin {
   // OnInit; -2 when the library could not be opened.
   int Init() { return m_pLibrary != nullptr ? Entry<OnInitFn>("OnInit")(nullptr) : -2; }
   bool IsReady() { return Entry<OnIsReadyFn>("OnIsReady")() != 0; }
-  void Unload() {
-    if (m_pLibrary != nullptr && !m_bUnloaded) Entry<OnUnloadFn>("OnUnload")();
-    m_bUnloaded = true;
-  }
   ZKPluginHandle* Handle() { return static_cast<ZKPluginHandle*>(Entry<OnGetPluginHandleFn>("OnGetPluginHandle")()); }
   template <typename... Args>
   int Call(const StateMachine* machine, const char* command, Args... args) {
@@ -76,7 +73,6 @@ class LoadedPlugin {
     return reinterpret_cast<Fn>(dlsym(m_pLibrary, name));
   }
   void* m_pLibrary;
-  bool m_bUnloaded = false;
 };
 
 // One registry as the conformance suite sees it.
@@ -115,15 +111,19 @@ class RegistryConformance : public ::testing::TestWithParam<RegistryKind> {
     m_pMachine = AnswerRecorder::Start(m_host);
     ASSERT_TRUE(!awaitReady || m_host.RunLoopUntil([this] { return m_pPlugin->IsReady(); })) << "never ready";
   }
-  // Waits until `m_pMachine` holds `count` answers; the last one, or null.
-  const ZKPluginResponse* Await(size_t count) {
-    m_host.RunLoopUntil([&] { return m_pMachine->answers.size() >= count; });
-    EXPECT_EQ(m_pMachine->answers.size(), count);
-    return m_pMachine->answers.size() == count ? m_pMachine->answers.back().get() : nullptr;
-  }
   template <typename... Args>
   int Call(const char* command, Args... args) {
     return m_pPlugin->Call(m_pMachine, command, args...);
+  }
+  // Call, then its answer; null when it was refused or never answered.
+  template <typename... Args>
+  const ZKPluginResponse* Ask(const char* command, Args... args) {
+    size_t count = m_pMachine->answers.size() + 1;
+    int refused = Call(command, args...);
+    EXPECT_EQ(refused, 0) << command;
+    bool answered = refused == 0 && m_host.RunLoopUntil([&] { return m_pMachine->answers.size() >= count; });
+    EXPECT_TRUE(answered || refused != 0) << command << " was never answered";
+    return answered ? m_pMachine->answers[count - 1].get() : nullptr;
   }
 
   TestHost m_host{ovita2::testing::PluginEntries{}};

@@ -52,13 +52,12 @@ class ZooKeeperRegistry : public RegistryConformance {
   }
   clientid_t PluginSession() {
     clientid_t id{};
-    reinterpret_cast<ZooKeeperPluginHandle*>(m_pPlugin->Handle())->GetClientId(&id);
+    EXPECT_EQ(reinterpret_cast<ZooKeeperPluginHandle*>(m_pPlugin->Handle())->GetClientId(&id), 0);
     return id;
   }
   // The code of the answer to creating the ephemeral node `path`.
   int CreateEphemeral(const char* path) {
-    if (int refused = Call("create", path, "", int64_t{0}, ZOO_EPHEMERAL)) return refused;
-    const ZKPluginResponse* answer = Await(m_pMachine->answers.size() + 1);
+    const ZKPluginResponse* answer = Ask("create", path, "", int64_t{0}, ZOO_EPHEMERAL);
     return answer != nullptr ? answer->retcode : ZOPERATIONTIMEOUT;
   }
 
@@ -76,14 +75,13 @@ TEST_P(ZooKeeperRegistry, OwnsItsEphemeralNodesAndPassesOnWatchesOnOtherSessions
   ASSERT_EQ(zk.other.Exists("/ovita2/agents/me", &stat), ZOK);
   EXPECT_EQ(stat.ephemeralOwner, PluginSession().client_id);
 
-  ASSERT_EQ(Call("get", "/ovita2/agents/other", &RecordingWatcher), 0);
-  ASSERT_NE(Await(2), nullptr);
+  ASSERT_NE(Ask("get", "/ovita2/agents/other", &RecordingWatcher), nullptr);
   EXPECT_TRUE(watchEvents.empty());
   ASSERT_EQ(zk.other.Delete("/ovita2/agents/other"), ZOK);
   ASSERT_TRUE(m_host.RunLoopUntil([] { return !watchEvents.empty(); }));
   EXPECT_EQ(watchEvents[0], std::make_pair(ZOO_DELETED_EVENT, std::string("/ovita2/agents/other")));
 
-  m_pPlugin->Unload();  // closes the session at once
+  m_pPlugin.reset();  // unloading closes the session at once
   EXPECT_EQ(zk.other.Exists("/ovita2/agents/me"), ZNONODE);
 }
 

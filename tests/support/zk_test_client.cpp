@@ -13,34 +13,21 @@ struct ZkTestClient::Reply {
   std::string data;
   Stat stat{};
 
-  static void OnVoid(int rc, const void* self) {
+  static void Done(int rc, const void* self) {
     auto* reply = static_cast<Reply*>(const_cast<void*>(self));
     reply->rc = rc;
     reply->done = true;
   }
-  static void OnString(int rc, const char*, const void* self) { OnVoid(rc, self); }
-  static void OnData(int rc, const char* value, int length, const Stat* stat, const void* self) {
-    auto* reply = static_cast<Reply*>(const_cast<void*>(self));
-    if (value != nullptr && length > 0) reply->data.assign(value, static_cast<size_t>(length));
-    if (stat != nullptr) reply->stat = *stat;
-    OnVoid(rc, self);
-  }
 };
-
-namespace {
-
-void OnSession(zhandle_t*, int type, int state, const char*, void* stateOut) {
-  if (type == ZOO_SESSION_EVENT) *static_cast<int*>(stateOut) = state;
-}
-
-void Quiet(const char*) {}
-
-}  // namespace
 
 bool ZkTestClient::Connect(const std::string& hosts, const clientid_t* session) {
   Close();
-  m_pZh = zookeeper_init2(hosts.c_str(), &OnSession, 4000, session, &m_iState, 0, &Quiet);
-  return m_pZh != nullptr && WaitFor([this] { return m_iState == ZOO_CONNECTED_STATE || m_iState == ZOO_EXPIRED_SESSION_STATE; }) &&
+  auto onSession = [](zhandle_t*, int type, int state, const char*, void* stateOut) {
+    if (type == ZOO_SESSION_EVENT) *static_cast<int*>(stateOut) = state;
+  };
+  m_pZh = zookeeper_init2(hosts.c_str(), onSession, 4000, session, &m_iState, 0, [](const char*) {});
+  return m_pZh != nullptr &&
+         WaitFor([this] { return m_iState == ZOO_CONNECTED_STATE || m_iState == ZOO_EXPIRED_SESSION_STATE; }) &&
          m_iState == ZOO_CONNECTED_STATE;
 }
 
@@ -59,9 +46,9 @@ bool ZkTestClient::WaitFor(const std::function<bool()>& done) {
     if (zookeeper_interest(m_pZh, &watched.fd, &interest, &wait) == ZINVALIDSTATE) break;
     watched.events = static_cast<short>(((interest & ZOOKEEPER_READ) ? POLLIN : 0) |
                                         ((interest & ZOOKEEPER_WRITE) ? POLLOUT : 0));
-    int waitMs = static_cast<int>(wait.tv_sec * 1000 + wait.tv_usec / 1000);
+    int waitMs = std::clamp(static_cast<int>(wait.tv_sec * 1000 + wait.tv_usec / 1000), 1, 100);
     int events = 0;
-    if (poll(&watched, watched.fd >= 0 ? 1 : 0, std::clamp(waitMs, 1, 100)) > 0) {
+    if (poll(&watched, watched.fd >= 0 ? 1 : 0, waitMs) > 0) {
       if (watched.revents & (POLLIN | POLLHUP | POLLERR)) events |= ZOOKEEPER_READ;
       if (watched.revents & POLLOUT) events |= ZOOKEEPER_WRITE;
     }
@@ -71,15 +58,15 @@ bool ZkTestClient::WaitFor(const std::function<bool()>& done) {
 }
 
 int ZkTestClient::Await(int rc, const Reply& reply) {
-  if (rc != ZOK) return rc;
-  WaitFor([&reply] { return reply.done; });
-  return reply.rc;
+  if (rc == ZOK) WaitFor([&reply] { return reply.done; });
+  return rc == ZOK ? reply.rc : rc;
 }
 
 int ZkTestClient::Create(const std::string& path, const std::string& data, int flags) {
   Reply reply;
+  auto onCreated = [](int rc, const char*, const void* self) { Reply::Done(rc, self); };
   return Await(zoo_acreate(m_pZh, path.c_str(), data.data(), static_cast<int>(data.size()), &ZOO_OPEN_ACL_UNSAFE,
-                           flags, &Reply::OnString, &reply),
+                           flags, onCreated, &reply),
                reply);
 }
 
@@ -93,12 +80,18 @@ int ZkTestClient::CreateWithParents(const std::string& path, const std::string& 
 
 int ZkTestClient::Delete(const std::string& path) {
   Reply reply;
-  return Await(zoo_adelete(m_pZh, path.c_str(), -1, &Reply::OnVoid, &reply), reply);
+  return Await(zoo_adelete(m_pZh, path.c_str(), -1, &Reply::Done, &reply), reply);
 }
 
 int ZkTestClient::Get(const std::string& path, std::string* data, Stat* stat) {
   Reply reply;
-  int rc = Await(zoo_aget(m_pZh, path.c_str(), 0, &Reply::OnData, &reply), reply);
+  auto onData = [](int rc, const char* value, int length, const Stat* found, const void* self) {
+    auto* reply = static_cast<Reply*>(const_cast<void*>(self));
+    if (value != nullptr && length > 0) reply->data.assign(value, static_cast<size_t>(length));
+    if (found != nullptr) reply->stat = *found;
+    Reply::Done(rc, self);
+  };
+  int rc = Await(zoo_aget(m_pZh, path.c_str(), 0, onData, &reply), reply);
   if (data != nullptr) *data = reply.data;
   if (stat != nullptr) *stat = reply.stat;
   return rc;

@@ -37,7 +37,7 @@ class ZkTestClient {
 
  private:
   struct Reply;
-  // `rc` of the asynchronous call that was to fill `reply`, else its reply's.
+  // The reply's code once `rc`, the call's, accepted it.
   int Await(int rc, const Reply& reply);
   bool WaitFor(const std::function<bool()>& done);
 

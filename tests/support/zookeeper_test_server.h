@@ -25,16 +25,13 @@ class ZooKeeperTestServer {
   ZooKeeperTestServer(const ZooKeeperTestServer&) = delete;
   ZooKeeperTestServer& operator=(const ZooKeeperTestServer&) = delete;
 
-  // False, with the reason and the server's last output in `error`, when no
-  // session could be opened.
+  // False, with the server's last output in `error`, when no session opens.
   bool Start(std::string* error);
   void Stop();
   bool Running() const { return m_iPid > 0; }
   std::string Address() const { return "127.0.0.1:" + std::to_string(m_iPort); }
 
  private:
-  std::string Failed(const std::string& why);
-
   ovita2::testing::TempDir m_cDir;
   int m_iPort;
   pid_t m_iPid = -1;
