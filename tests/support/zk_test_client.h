@@ -1,9 +1,7 @@
-// ZkTestClient: a blocking ZooKeeper client for tests. It seeds nodes, looks
-// at them from a second session and can join a plug-in's session; each call
-// waits (within kWaitMs) for the server's reply by driving the
-// single-threaded client with poll().
-//
-// Owns its handle; Close() or the destructor ends its session. Test thread only.
+// ZkTestClient: a blocking ZooKeeper client for tests, to seed nodes, look at
+// them from a second session or join a plug-in's session. Each call waits up
+// to kWaitMs for the reply, driving the single-threaded client with poll().
+// Owns its session (closed by Close() or the destructor). Test thread only.
 #ifndef OVITA2_TESTS_SUPPORT_ZK_TEST_CLIENT_H
 #define OVITA2_TESTS_SUPPORT_ZK_TEST_CLIENT_H
 
