@@ -20,6 +20,12 @@ namespace zelvar::registry::testing {
 using ovita2::testing::TestHost;
 constexpr watcher_fn kNoWatch = nullptr;
 
+// What the registry called back: watches (type, path) and connection callbacks.
+inline std::vector<std::pair<int, std::string>> watchEvents;
+inline int callbackCalls = 0;
+inline void RecordingWatcher(zhandle_t*, int type, int, const char* at, void*) { watchEvents.emplace_back(type, at); }
+inline void CountingCallback() { ++callbackCalls; }
+
 // Stands in for the agent's machines that issue registry commands; owned by
 // the host's runtime once started.
 class AnswerRecorder : public StateMachine {
@@ -42,7 +48,7 @@ class AnswerRecorder : public StateMachine {
 };
 
 // OnPeekInterface with the host's table on construction; OnUnload and dlclose
-// on destruction.
+// on destruction. Held by one owner.
 class LoadedPlugin {
  public:
   LoadedPlugin(const char* path, TestHost& host) : m_pLibrary(dlopen(path, RTLD_NOW | RTLD_LOCAL)) {
@@ -52,17 +58,10 @@ class LoadedPlugin {
     if (m_pLibrary != nullptr) Entry<OnUnloadFn>("OnUnload")();
     if (m_pLibrary != nullptr) dlclose(m_pLibrary);
   }
-  LoadedPlugin(const LoadedPlugin&) = delete;
-  LoadedPlugin& operator=(const LoadedPlugin&) = delete;
-
   // OnInit; -2 when the library could not be opened.
   int Init() { return m_pLibrary != nullptr ? Entry<OnInitFn>("OnInit")(nullptr) : -2; }
   bool IsReady() { return Entry<OnIsReadyFn>("OnIsReady")() != 0; }
   ZKPluginHandle* Handle() { return static_cast<ZKPluginHandle*>(Entry<OnGetPluginHandleFn>("OnGetPluginHandle")()); }
-  template <typename... Args>
-  int Call(const StateMachine* machine, const char* command, Args... args) {
-    return Handle()->ZKPluginCall(machine->GetMachineId(), command, args...);
-  }
 
  private:
   template <typename Fn>
@@ -87,7 +86,11 @@ std::unique_ptr<RegistryUnderTest> MakeRegistry();
 
 class RegistryConformance : public ::testing::TestWithParam<const char*> {
  protected:
-  void SetUp() override { ASSERT_FALSE(HasFailure()) << "the registry could not be prepared"; }
+  void SetUp() override {
+    watchEvents.clear();
+    callbackCalls = 0;
+    ASSERT_FALSE(HasFailure()) << "the registry could not be prepared";
+  }
   // Configures, loads and initialises the plug-in; and waits until it is ready.
   void Load(bool awaitReady = true) {
     m_pRegistry->Configure(m_host);
@@ -99,7 +102,7 @@ class RegistryConformance : public ::testing::TestWithParam<const char*> {
   }
   template <typename... Args>
   int Call(const char* command, Args... args) {
-    return m_pPlugin->Call(m_pMachine, command, args...);
+    return m_pPlugin->Handle()->ZKPluginCall(m_pMachine->GetMachineId(), command, args...);
   }
   // Call, then its answer; null when it was refused or never answered.
   template <typename... Args>

@@ -10,6 +10,7 @@
 namespace zelvar::registry::testing {
 namespace {
 
+// Seeding writes the configuration entry as it is.
 struct EmbeddedUnderTest : RegistryUnderTest {
   void Seed(const std::string& path, const std::string& address) override { nodes[path] = address; }
   void Configure(TestHost& host) override {
@@ -21,26 +22,25 @@ struct EmbeddedUnderTest : RegistryUnderTest {
 
 INSTANTIATE_TEST_SUITE_P(Embedded, RegistryConformance, ::testing::Values("embedded"));
 
-TEST(EmbeddedRegistry, KeepsOnlyConfiguredNodesWithAPathAndAnIpColonPort) {
-  TestHost host(ovita2::testing::PluginEntries{});
+// The embedded registry's own rules, on the conformance fixture.
+using EmbeddedRegistry = RegistryConformance;
+INSTANTIATE_TEST_SUITE_P(Configured, EmbeddedRegistry, ::testing::Values("embedded"));
+
+TEST_P(EmbeddedRegistry, KeepsOnlyConfiguredNodesWithAPathAndAnIpColonPort) {
   const char* bad[][2] = {{"n/relative", "127.0.0.1:1"}, {"/n/noport", "127.0.0.1"}, {"/n/noip", ":7100"},
                           {"/n/empty", "host:"},         {"/n/zero", "host:0"},      {"/n/big", "host:65536"},
                           {"/n/junk", "host:71x"},       {"/n/minus", "host:-1"},    {"/n/blank", ""}};
-  for (const auto& entry : bad) host.SetConfig("embedded_registry", entry[0], entry[1]);
-  host.SetConfig("embedded_registry", "/n/v4", "127.0.0.1:7100");
-  host.SetConfig("embedded_registry", "/n/v6", "[::1]:65535");
-  LoadedPlugin plugin(OVITA2_EMBEDDED_PLUGIN_PATH, host);
-  ASSERT_EQ(plugin.Init(), 0);
-  EXPECT_TRUE(host.Logged("embedded registry: ready with 2 configured node(s)"));
-  EXPECT_EQ(host.LogLinesAt(4).size(), std::size(bad)) << "each ignored entry is reported";
-
-  AnswerRecorder* machine = AnswerRecorder::Start(host);
-  ASSERT_EQ(plugin.Call(machine, "listvalue", "/n", kNoWatch), 0);
-  ASSERT_TRUE(host.RunLoopUntil([&] { return !machine->answers.empty(); }));
-  const std::vector<ZKKeyValue>& nodes = machine->answers[0]->keyvalues;
-  ASSERT_EQ(nodes.size(), 2u);
+  for (const auto& entry : bad) m_pRegistry->Seed(entry[0], entry[1]);
+  m_pRegistry->Seed("/n/v4", "127.0.0.1:7100");
+  m_pRegistry->Seed("/n/v6", "[::1]:65535");
+  ASSERT_NO_FATAL_FAILURE(Load());
+  EXPECT_TRUE(m_host.Logged("embedded registry: ready with 2 configured node(s)"));
+  EXPECT_EQ(m_host.LogLinesAt(4).size(), std::size(bad)) << "each ignored entry is reported";
+  const ZKPluginResponse* listed = Ask("listvalue", "/n", kNoWatch);
+  ASSERT_NE(listed, nullptr);
+  ASSERT_EQ(listed->keyvalues.size(), 2u);
   kadri::NameNodeContent v6;
-  ASSERT_TRUE(v6.ParseFromString(nodes[0].key == "v6" ? nodes[0].value : nodes[1].value));
+  ASSERT_TRUE(v6.ParseFromString(listed->keyvalues[listed->keyvalues[0].key == "v6" ? 0 : 1].value));
   EXPECT_EQ(v6.ip() + ":" + std::to_string(v6.port()), "::1:65535");
 }
 
@@ -50,7 +50,7 @@ TEST(ZooKeeperRegistry, RefusesToStartWithoutAnEnsemble) {
   EXPECT_EQ(plugin.Init(), -1);
   EXPECT_EQ(host.LogLinesAt(4).size(), 1u) << "the missing setting is reported";
   EXPECT_FALSE(plugin.IsReady());
-  EXPECT_NE(plugin.Call(AnswerRecorder::Start(host), "listvalue", "/", kNoWatch), 0);
+  EXPECT_NE(plugin.Handle()->ZKPluginCall(AnswerRecorder::Start(host)->GetMachineId(), "listvalue", "/", kNoWatch), 0);
 }
 
 TEST(ChildrenListing, AnswersOnceEveryChildIsBackLeavingOutVanishedOnesOrAtTheFirstFailure) {

@@ -8,15 +8,15 @@
 namespace zelvar::registry::testing {
 
 struct ZkTestClient::Reply {
-  bool done = false;
   int rc = ZOPERATIONTIMEOUT;
+  bool done = false;
   std::string data;
   Stat stat{};
 
+  static Reply& Of(const void* self) { return *static_cast<Reply*>(const_cast<void*>(self)); }
   static void Done(int rc, const void* self) {
-    auto* reply = static_cast<Reply*>(const_cast<void*>(self));
-    reply->rc = rc;
-    reply->done = true;
+    Of(self).rc = rc;
+    Of(self).done = true;
   }
 };
 
@@ -40,19 +40,15 @@ void ZkTestClient::Close() {
 bool ZkTestClient::WaitFor(const std::function<bool()>& done) {
   auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kWaitMs);
   while (!done() && std::chrono::steady_clock::now() < deadline) {
-    pollfd watched{-1, 0, 0};
+    int fd = -1;
     int interest = 0;
     timeval wait{};
-    if (zookeeper_interest(m_pZh, &watched.fd, &interest, &wait) == ZINVALIDSTATE) break;
-    watched.events = static_cast<short>(((interest & ZOOKEEPER_READ) ? POLLIN : 0) |
-                                        ((interest & ZOOKEEPER_WRITE) ? POLLOUT : 0));
-    int waitMs = std::clamp(static_cast<int>(wait.tv_sec * 1000 + wait.tv_usec / 1000), 1, 100);
-    int events = 0;
-    if (poll(&watched, watched.fd >= 0 ? 1 : 0, waitMs) > 0) {
-      if (watched.revents & (POLLIN | POLLHUP | POLLERR)) events |= ZOOKEEPER_READ;
-      if (watched.revents & POLLOUT) events |= ZOOKEEPER_WRITE;
-    }
-    zookeeper_process(m_pZh, events);
+    if (zookeeper_interest(m_pZh, &fd, &interest, &wait) == ZINVALIDSTATE) break;
+    pollfd watched{fd, static_cast<short>(((interest & ZOOKEEPER_READ) ? POLLIN : 0) |
+                                          ((interest & ZOOKEEPER_WRITE) ? POLLOUT : 0)), 0};
+    poll(&watched, fd >= 0 ? 1 : 0, std::clamp(static_cast<int>(wait.tv_sec * 1000 + wait.tv_usec / 1000), 1, 100));
+    zookeeper_process(m_pZh, ((watched.revents & (POLLIN | POLLHUP | POLLERR)) ? ZOOKEEPER_READ : 0) |
+                                 ((watched.revents & POLLOUT) ? ZOOKEEPER_WRITE : 0));
   }
   return done();
 }
@@ -71,11 +67,9 @@ int ZkTestClient::Create(const std::string& path, const std::string& data, int f
 }
 
 int ZkTestClient::CreateWithParents(const std::string& path, const std::string& data) {
-  for (size_t slash = path.find('/', 1); slash != std::string::npos; slash = path.find('/', slash + 1)) {
-    int rc = Create(path.substr(0, slash), "", ZOO_PERSISTENT);
-    if (rc != ZOK && rc != ZNODEEXISTS) return rc;
-  }
-  return Create(path, data, ZOO_PERSISTENT);
+  size_t slash = path.rfind('/');
+  int parent = slash == 0 ? ZOK : CreateWithParents(path.substr(0, slash), "");
+  return parent == ZOK || parent == ZNODEEXISTS ? Create(path, data, ZOO_PERSISTENT) : parent;
 }
 
 int ZkTestClient::Delete(const std::string& path) {
@@ -86,9 +80,8 @@ int ZkTestClient::Delete(const std::string& path) {
 int ZkTestClient::Get(const std::string& path, std::string* data, Stat* stat) {
   Reply reply;
   auto onData = [](int rc, const char* value, int length, const Stat* found, const void* self) {
-    auto* reply = static_cast<Reply*>(const_cast<void*>(self));
-    if (value != nullptr && length > 0) reply->data.assign(value, static_cast<size_t>(length));
-    if (found != nullptr) reply->stat = *found;
+    if (value != nullptr && length > 0) Reply::Of(self).data.assign(value, static_cast<size_t>(length));
+    if (found != nullptr) Reply::Of(self).stat = *found;
     Reply::Done(rc, self);
   };
   int rc = Await(zoo_aget(m_pZh, path.c_str(), 0, onData, &reply), reply);

@@ -1,12 +1,8 @@
-// ZooKeeperTestServer: a real standalone ZooKeeper server (Debian's package)
-// on a free loopback port, with its own scratch folder.
-//
-// Start runs the server's Java main class and waits (bounded) until a client
-// session opens. Stop ends and reaps it; the folder survives a Stop, so a
-// restarted server knows its sessions and nodes again. The destructor stops
-// the server, and the server dies with the test process should it crash.
-// OVITA2_JAVA and OVITA2_ZOOKEEPER_CLASSPATH override where Java and the
-// server are. Test thread only.
+// ZooKeeperTestServer: a real standalone ZooKeeper server (Debian's package;
+// OVITA2_JAVA and OVITA2_ZOOKEEPER_CLASSPATH point elsewhere) on a free
+// loopback port. Its data outlives Stop, so a restarted server knows its
+// sessions and nodes again. The destructor stops and reaps the server, which
+// also dies with the test process. Test thread only.
 #ifndef OVITA2_TESTS_SUPPORT_ZOOKEEPER_TEST_SERVER_H
 #define OVITA2_TESTS_SUPPORT_ZOOKEEPER_TEST_SERVER_H
 
