@@ -1,7 +1,6 @@
-// What the registry plug-ins' tests share: a machine that keeps the answers it
-// is given, a plug-in loaded from where it was built (as zelvar-host loads it)
-// onto the shared test host, and the fixture of the conformance suite every
-// registry must pass (registry_conformance.cpp). Test thread only.
+// The registry plug-ins' tests: a machine that keeps its answers, a plug-in
+// loaded from where it was built (as zelvar-host loads it) onto the shared test
+// host, and the fixture of the suite every registry must pass. Test thread only.
 #ifndef OVITA2_TESTS_PLUGINS_REGISTRY_TEST_H
 #define OVITA2_TESTS_PLUGINS_REGISTRY_TEST_H
 
@@ -26,8 +25,7 @@ inline int callbackCalls = 0;
 inline void RecordingWatcher(zhandle_t*, int type, int, const char* at, void*) { watchEvents.emplace_back(type, at); }
 inline void CountingCallback() { ++callbackCalls; }
 
-// Stands in for the agent's machines that issue registry commands; owned by
-// the host's runtime once started.
+// Stands in for the agent's machines that issue registry commands.
 class AnswerRecorder : public StateMachine {
  public:
   static AnswerRecorder* Start(TestHost& host) {
@@ -47,8 +45,7 @@ class AnswerRecorder : public StateMachine {
   std::vector<std::unique_ptr<ZKPluginResponse>> answers;
 };
 
-// OnPeekInterface with the host's table on construction; OnUnload and dlclose
-// on destruction. Held by one owner.
+// OnPeekInterface with the host's table first, OnUnload and dlclose last.
 class LoadedPlugin {
  public:
   LoadedPlugin(const char* path, TestHost& host) : m_pLibrary(dlopen(path, RTLD_NOW | RTLD_LOCAL)) {
@@ -65,24 +62,20 @@ class LoadedPlugin {
 
  private:
   template <typename Fn>
-  Fn Entry(const char* name) {
-    return reinterpret_cast<Fn>(dlsym(m_pLibrary, name));
-  }
+  Fn Entry(const char* name) { return reinterpret_cast<Fn>(dlsym(m_pLibrary, name)); }
   void* m_pLibrary;
 };
 
 // One registry as the conformance suite sees it.
 struct RegistryUnderTest {
   virtual ~RegistryUnderTest() = default;
-  // A node holding ip:port `address` as a NameNodeContent, with its parents;
-  // before the plug-in loads.
-  virtual void Seed(const std::string& path, const std::string& address) = 0;
-  virtual void Configure(TestHost& host) = 0;
+  // Before the plug-in loads: a node holding ip:port, with its parents.
+  virtual void Seed(const std::string& path, const std::string& ip, int port) = 0;
   virtual const char* PluginPath() const = 0;
 };
-// Each test program makes the one registry it runs the suite on; the suite's
-// parameter names it.
-std::unique_ptr<RegistryUnderTest> MakeRegistry();
+// Each test program makes the one registry it runs the suite on (named by the
+// parameter), configured in `host`.
+std::unique_ptr<RegistryUnderTest> MakeRegistry(TestHost& host);
 
 class RegistryConformance : public ::testing::TestWithParam<const char*> {
  protected:
@@ -91,9 +84,8 @@ class RegistryConformance : public ::testing::TestWithParam<const char*> {
     callbackCalls = 0;
     ASSERT_FALSE(HasFailure()) << "the registry could not be prepared";
   }
-  // Configures, loads and initialises the plug-in; and waits until it is ready.
+  // Loads and initialises the plug-in; and waits until it is ready.
   void Load(bool awaitReady = true) {
-    m_pRegistry->Configure(m_host);
     m_host.CountUndeliveredRecords();
     m_pPlugin = std::make_unique<LoadedPlugin>(m_pRegistry->PluginPath(), m_host);
     ASSERT_EQ(m_pPlugin->Init(), 0);
@@ -115,7 +107,7 @@ class RegistryConformance : public ::testing::TestWithParam<const char*> {
   }
 
   TestHost m_host{ovita2::testing::PluginEntries{}};
-  std::unique_ptr<RegistryUnderTest> m_pRegistry = MakeRegistry();
+  std::unique_ptr<RegistryUnderTest> m_pRegistry = MakeRegistry(m_host);
   std::unique_ptr<LoadedPlugin> m_pPlugin;
   AnswerRecorder* m_pMachine = nullptr;
 };

@@ -1,6 +1,5 @@
 // The ZooKeeper registry against a real server: the conformance suite, then
-// what only a server shows: other sessions, watches, a server that goes away
-// and comes back, an expired session.
+// what only a server shows: sessions, watches, a server that goes and returns.
 #include "registry_test.h"
 #include "zelvar/kadri.pb.h"
 #include "zk_test_client.h"
@@ -12,20 +11,18 @@ namespace {
 
 // A server of its own, and a second session on it to seed and look.
 struct ZooKeeperUnderTest : RegistryUnderTest {
-  ZooKeeperUnderTest() {
+  explicit ZooKeeperUnderTest(TestHost& host) {
     std::string error;
     if (!server.Start(&error)) ADD_FAILURE() << error;
     if (server.Running() && !other.Connect(server.Address())) ADD_FAILURE() << "no second session";
-  }
-  void Seed(const std::string& path, const std::string& address) override {
-    kadri::NameNodeContent content;
-    content.set_ip(address.substr(0, address.rfind(':')));
-    content.set_port(std::stoi(address.substr(address.rfind(':') + 1)));
-    ASSERT_EQ(other.CreateWithParents(path, content.SerializeAsString()), ZOK) << path;
-  }
-  void Configure(TestHost& host) override {
     host.SetConfig("zookeeper", "hosts", server.Address());
     host.SetConfig("zookeeper", "session_timeout_ms", "4000");
+  }
+  void Seed(const std::string& path, const std::string& ip, int port) override {
+    kadri::NameNodeContent content;
+    content.set_ip(ip);
+    content.set_port(port);
+    ASSERT_EQ(other.CreateWithParents(path, content.SerializeAsString()), ZOK) << path;
   }
   const char* PluginPath() const override { return OVITA2_ZOOKEEPER_PLUGIN_PATH; }
 
@@ -55,7 +52,7 @@ class ZooKeeperRegistry : public RegistryConformance {
 INSTANTIATE_TEST_SUITE_P(Server, ZooKeeperRegistry, ::testing::Values("zookeeper"));
 
 TEST_P(ZooKeeperRegistry, OwnsItsEphemeralNodesForItsSessionOnlyAndOpensANewOneWhenItExpires) {
-  m_pRegistry->Seed("/ovita2/agents/other", "127.0.0.1:1");
+  m_pRegistry->Seed("/ovita2/agents/other", "127.0.0.1", 1);
   ASSERT_NO_FATAL_FAILURE(Load());
   ASSERT_EQ(Call("set_callback", &CountingCallback), 0);
   clientid_t before = PluginSession();
@@ -99,6 +96,6 @@ TEST_P(ZooKeeperRegistry, FollowsTheServerAwayAndBackRunningTheCallbackOnEachCon
 
 }  // namespace
 
-std::unique_ptr<RegistryUnderTest> MakeRegistry() { return std::make_unique<ZooKeeperUnderTest>(); }
+std::unique_ptr<RegistryUnderTest> MakeRegistry(TestHost& host) { return std::make_unique<ZooKeeperUnderTest>(host); }
 
 }  // namespace zelvar::registry::testing

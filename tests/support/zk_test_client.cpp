@@ -21,20 +21,15 @@ struct ZkTestClient::Reply {
 };
 
 bool ZkTestClient::Connect(const std::string& hosts, const clientid_t* session) {
-  Close();
+  m_pZh.reset();  // before the state it reports to is reset
+  m_iState = 0;
   auto onSession = [](zhandle_t*, int type, int state, const char*, void* stateOut) {
     if (type == ZOO_SESSION_EVENT) *static_cast<int*>(stateOut) = state;
   };
-  m_pZh = zookeeper_init2(hosts.c_str(), onSession, 4000, session, &m_iState, 0, [](const char*) {});
+  m_pZh.reset(zookeeper_init2(hosts.c_str(), onSession, 4000, session, &m_iState, 0, [](const char*) {}));
   return m_pZh != nullptr &&
          WaitFor([this] { return m_iState == ZOO_CONNECTED_STATE || m_iState == ZOO_EXPIRED_SESSION_STATE; }) &&
          m_iState == ZOO_CONNECTED_STATE;
-}
-
-void ZkTestClient::Close() {
-  if (m_pZh != nullptr) zookeeper_close(m_pZh);
-  m_pZh = nullptr;
-  m_iState = 0;
 }
 
 bool ZkTestClient::WaitFor(const std::function<bool()>& done) {
@@ -43,11 +38,11 @@ bool ZkTestClient::WaitFor(const std::function<bool()>& done) {
     int fd = -1;
     int interest = 0;
     timeval wait{};
-    if (zookeeper_interest(m_pZh, &fd, &interest, &wait) == ZINVALIDSTATE) break;
+    if (zookeeper_interest(m_pZh.get(), &fd, &interest, &wait) == ZINVALIDSTATE) break;
     pollfd watched{fd, static_cast<short>(((interest & ZOOKEEPER_READ) ? POLLIN : 0) |
                                           ((interest & ZOOKEEPER_WRITE) ? POLLOUT : 0)), 0};
     poll(&watched, fd >= 0 ? 1 : 0, std::clamp(static_cast<int>(wait.tv_sec * 1000 + wait.tv_usec / 1000), 1, 100));
-    zookeeper_process(m_pZh, ((watched.revents & (POLLIN | POLLHUP | POLLERR)) ? ZOOKEEPER_READ : 0) |
+    zookeeper_process(m_pZh.get(), ((watched.revents & (POLLIN | POLLHUP | POLLERR)) ? ZOOKEEPER_READ : 0) |
                                  ((watched.revents & POLLOUT) ? ZOOKEEPER_WRITE : 0));
   }
   return done();
@@ -61,9 +56,9 @@ int ZkTestClient::Await(int rc, const Reply& reply) {
 int ZkTestClient::Create(const std::string& path, const std::string& data, int flags) {
   Reply reply;
   auto onCreated = [](int rc, const char*, const void* self) { Reply::Done(rc, self); };
-  return Await(zoo_acreate(m_pZh, path.c_str(), data.data(), static_cast<int>(data.size()), &ZOO_OPEN_ACL_UNSAFE,
-                           flags, onCreated, &reply),
-               reply);
+  int length = static_cast<int>(data.size());
+  int rc = zoo_acreate(m_pZh.get(), path.c_str(), data.data(), length, &ZOO_OPEN_ACL_UNSAFE, flags, onCreated, &reply);
+  return Await(rc, reply);
 }
 
 int ZkTestClient::CreateWithParents(const std::string& path, const std::string& data) {
@@ -74,7 +69,7 @@ int ZkTestClient::CreateWithParents(const std::string& path, const std::string& 
 
 int ZkTestClient::Delete(const std::string& path) {
   Reply reply;
-  return Await(zoo_adelete(m_pZh, path.c_str(), -1, &Reply::Done, &reply), reply);
+  return Await(zoo_adelete(m_pZh.get(), path.c_str(), -1, &Reply::Done, &reply), reply);
 }
 
 int ZkTestClient::Get(const std::string& path, std::string* data, Stat* stat) {
@@ -84,7 +79,7 @@ int ZkTestClient::Get(const std::string& path, std::string* data, Stat* stat) {
     if (found != nullptr) Reply::Of(self).stat = *found;
     Reply::Done(rc, self);
   };
-  int rc = Await(zoo_aget(m_pZh, path.c_str(), 0, onData, &reply), reply);
+  int rc = Await(zoo_aget(m_pZh.get(), path.c_str(), 0, onData, &reply), reply);
   if (data != nullptr) *data = reply.data;
   if (stat != nullptr) *stat = reply.stat;
   return rc;

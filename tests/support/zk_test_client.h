@@ -1,13 +1,14 @@
 // ZkTestClient: a blocking ZooKeeper client for tests, to seed nodes, look at
 // them from a second session or join a plug-in's session. Each call waits up
 // to kWaitMs for the reply, driving the single-threaded client with poll().
-// Owns its session (closed by Close() or the destructor). Test thread only.
+// Owns its session. Test thread only.
 #ifndef OVITA2_TESTS_SUPPORT_ZK_TEST_CLIENT_H
 #define OVITA2_TESTS_SUPPORT_ZK_TEST_CLIENT_H
 
 #include <zookeeper/zookeeper.h>
 
 #include <functional>
+#include <memory>
 #include <string>
 
 namespace zelvar::registry::testing {
@@ -17,13 +18,11 @@ class ZkTestClient {
   static constexpr int kWaitMs = 10000;
 
   ZkTestClient() = default;
-  ~ZkTestClient() { Close(); }
   ZkTestClient(const ZkTestClient&) = delete;
   ZkTestClient& operator=(const ZkTestClient&) = delete;
 
   // Opens a session (or joins `session`) and waits until it is connected.
   bool Connect(const std::string& hosts, const clientid_t* session = nullptr);
-  void Close();
 
   // ZooKeeper return codes; ZOPERATIONTIMEOUT when no reply came in time.
   int Create(const std::string& path, const std::string& data, int flags);
@@ -39,7 +38,7 @@ class ZkTestClient {
   int Await(int rc, const Reply& reply);
   bool WaitFor(const std::function<bool()>& done);
 
-  zhandle_t* m_pZh = nullptr;
+  std::unique_ptr<zhandle_t, int (*)(zhandle_t*)> m_pZh{nullptr, &zookeeper_close};
   int m_iState = 0;
 };
 

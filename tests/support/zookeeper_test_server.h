@@ -18,8 +18,6 @@ class ZooKeeperTestServer {
  public:
   ZooKeeperTestServer();
   ~ZooKeeperTestServer() { Stop(); }
-  ZooKeeperTestServer(const ZooKeeperTestServer&) = delete;
-  ZooKeeperTestServer& operator=(const ZooKeeperTestServer&) = delete;
 
   // False, with the server's last output in `error`, when no session opens.
   bool Start(std::string* error);
