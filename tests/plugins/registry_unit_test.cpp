@@ -8,11 +8,10 @@ namespace zelvar::registry::testing {
 namespace {
 
 struct EmbeddedUnderTest : RegistryUnderTest {
-  explicit EmbeddedUnderTest(TestHost& host) : host(host) {}
+  explicit EmbeddedUnderTest(TestHost& host) : RegistryUnderTest(OVITA2_EMBEDDED_PLUGIN_PATH), host(host) {}
   void Seed(const std::string& path, const std::string& ip, int port) override {
     host.SetConfig("embedded_registry", path, ip + ":" + std::to_string(port));
   }
-  const char* PluginPath() const override { return OVITA2_EMBEDDED_PLUGIN_PATH; }
   TestHost& host;
 };
 

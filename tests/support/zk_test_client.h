@@ -1,7 +1,6 @@
 // ZkTestClient: a blocking ZooKeeper client for tests, to seed nodes, look at
-// them from a second session or join a plug-in's session. Each call waits up
-// to kWaitMs for the reply, driving the single-threaded client with poll().
-// Owns its session. Test thread only.
+// them from a second session or join a plug-in's session. Each call waits up to
+// kWaitMs, driving the single-threaded client with poll(). Test thread only.
 #ifndef OVITA2_TESTS_SUPPORT_ZK_TEST_CLIENT_H
 #define OVITA2_TESTS_SUPPORT_ZK_TEST_CLIENT_H
 

@@ -13,15 +13,6 @@
 #include "zk_test_client.h"
 
 namespace zelvar::registry::testing {
-namespace {
-
-const char* EnvOr(const char* name, const char* fallback) {
-  const char* value = getenv(name);
-  return value != nullptr && *value != '\0' ? value : fallback;
-}
-
-}  // namespace
-
 ZooKeeperTestServer::ZooKeeperTestServer() : m_iPort(ovita2::testing::FreeLoopbackPort()) {
   // A short tick keeps session expiry and the server's own checks fast.
   m_cDir.Write("zoo.cfg", "tickTime=500\ndataDir=" + m_cDir.Path() + "/data\nclientPort=" +
@@ -32,8 +23,12 @@ bool ZooKeeperTestServer::Start(std::string* error) {
   if (Running()) return true;
   std::string out = m_cDir.Path() + "/server.out";
   std::string config = m_cDir.Path() + "/zoo.cfg";
-  const char* java = EnvOr("OVITA2_JAVA", "/usr/bin/java");
-  const char* classPath = EnvOr("OVITA2_ZOOKEEPER_CLASSPATH", "/usr/share/java/zookeeper.jar");
+  auto envOr = [](const char* name, const char* fallback) {
+    const char* value = getenv(name);
+    return value != nullptr && *value != '\0' ? value : fallback;
+  };
+  const char* java = envOr("OVITA2_JAVA", "/usr/bin/java");
+  const char* classPath = envOr("OVITA2_ZOOKEEPER_CLASSPATH", "/usr/share/java/zookeeper.jar");
   m_iPid = fork();
   if (m_iPid == 0) {
     // Its own group, so Stop reaches whatever the JVM starts; and no orphan

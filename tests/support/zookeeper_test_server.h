@@ -1,8 +1,7 @@
-// ZooKeeperTestServer: a real standalone ZooKeeper server (Debian's package;
-// OVITA2_JAVA and OVITA2_ZOOKEEPER_CLASSPATH point elsewhere) on a free
-// loopback port. Its data outlives Stop, so a restarted server knows its
-// sessions and nodes again. The destructor stops and reaps the server, which
-// also dies with the test process. Test thread only.
+// ZooKeeperTestServer: a real ZooKeeper server (Debian's, or OVITA2_JAVA and
+// OVITA2_ZOOKEEPER_CLASSPATH) on a free loopback port. Its data outlives Stop:
+// a restarted server knows its sessions again. The destructor stops and reaps
+// the server, which also dies with the test process. Test thread only.
 #ifndef OVITA2_TESTS_SUPPORT_ZOOKEEPER_TEST_SERVER_H
 #define OVITA2_TESTS_SUPPORT_ZOOKEEPER_TEST_SERVER_H
 
