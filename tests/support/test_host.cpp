@@ -251,3 +251,37 @@ void TestHost::CompleteLongAction(uint32_t flowNo, const std::string& output, co
 
 }  // namespace testing
 }  // namespace ovita2
+
+// ===== registry plug-ins: a real event loop, undelivered records ======================
+#include <chrono>
+
+namespace ovita2 {
+namespace testing {
+
+bool TestHost::RunLoopUntil(const std::function<bool()>& done, int limitMs) {
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(limitMs);
+  // Bounds each wait, so that `done` is looked at even when the loop is idle.
+  event* slice = evtimer_new(m_pBase, [](evutil_socket_t, short, void*) {}, nullptr);
+  const timeval sliceLength = {0, 10 * 1000};
+  while (!done() && std::chrono::steady_clock::now() < deadline) {
+    evtimer_add(slice, &sliceLength);
+    event_base_loop(m_pBase, EVLOOP_ONCE);
+    RunPending();
+  }
+  event_free(slice);
+  return done();
+}
+
+void TestHost::CountUndeliveredRecords() {
+  m_aTable[zelvar::kSlotDeliverToMachine] = AsSlot(&TestHost::DeliverCountingUndelivered);
+}
+
+int TestHost::DeliverCountingUndelivered(unsigned machineId, void* record, void (*drop)(void*)) {
+  int rc = Current()->DeliverRecord(machineId, record, drop);
+  if (rc != 0) ++Current()->m_uUndeliveredRecords;
+  return rc;
+}
+
+}  // namespace testing
+}  // namespace ovita2
+// ===== end of the registry plug-ins' block ============================================

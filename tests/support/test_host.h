@@ -181,6 +181,23 @@ class TestHost {
 
   FakeRegistry m_cRegistry;
   bool m_bRegistryAvailable = true;
+
+  // ===== registry plug-ins: a real event loop, undelivered records ====================
+  // A registry plug-in's sockets and timers live on GetEventBase's loop, in real
+  // time (machine timeouts stay on the simulated clock).
+ public:
+  // Turns the loop, running the deliveries it queued, until `done` holds or
+  // `limitMs` of real time passed. Returns done().
+  bool RunLoopUntil(const std::function<bool()>& done, int limitMs = 15000);
+  // From now on DeliverToMachine counts the records it could not hand over
+  // because their machine was gone; a plug-in sees it once given the table.
+  void CountUndeliveredRecords();
+  size_t UndeliveredRecords() const { return m_uUndeliveredRecords; }
+
+ private:
+  static int DeliverCountingUndelivered(unsigned machineId, void* record, void (*drop)(void*));
+  size_t m_uUndeliveredRecords = 0;
+  // ===== end of the registry plug-ins' block ==========================================
 };
 
 }  // namespace testing

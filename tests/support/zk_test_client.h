@@ -1,15 +1,13 @@
-// ZkTestClient: a blocking ZooKeeper client for tests: it seeds nodes, looks
-// at them from a second session and acts on a plug-in's session, each call
-// waiting (within a bound) for the server's reply by driving the
-// single-threaded client with poll().
-//
-// Owns its handle; Close() or the destructor ends its session. Test thread only.
+// ZkTestClient: a blocking ZooKeeper client for tests, to seed nodes, look at
+// them from a second session or join a plug-in's session. Each call waits up to
+// kWaitMs, driving the single-threaded client with poll(). Test thread only.
 #ifndef OVITA2_TESTS_SUPPORT_ZK_TEST_CLIENT_H
 #define OVITA2_TESTS_SUPPORT_ZK_TEST_CLIENT_H
 
 #include <zookeeper/zookeeper.h>
 
 #include <functional>
+#include <memory>
 #include <string>
 
 namespace zelvar::registry::testing {
@@ -19,30 +17,28 @@ class ZkTestClient {
   static constexpr int kWaitMs = 10000;
 
   ZkTestClient() = default;
-  ~ZkTestClient();
-
   ZkTestClient(const ZkTestClient&) = delete;
   ZkTestClient& operator=(const ZkTestClient&) = delete;
 
-  // Opens a session (or joins `session` when given) and waits until connected.
-  bool Connect(const std::string& hosts, const clientid_t* session = nullptr, int sessionTimeoutMs = 4000);
-  void Close();
+  // Opens a session (or joins `session`) and waits until it is connected.
+  bool Connect(const std::string& hosts, const clientid_t* session = nullptr);
 
   // ZooKeeper return codes; ZOPERATIONTIMEOUT when no reply came in time.
   int Create(const std::string& path, const std::string& data, int flags);
   // A persistent node, with empty persistent parents made as needed.
   int CreateWithParents(const std::string& path, const std::string& data);
   int Delete(const std::string& path);
-  int Exists(const std::string& path, Stat* stat = nullptr);
   int Get(const std::string& path, std::string* data, Stat* stat = nullptr);
+  int Exists(const std::string& path, Stat* stat = nullptr) { return Get(path, nullptr, stat); }
 
  private:
-  bool WaitFor(const std::function<bool()>& done, int limitMs);
-  static void OnSession(zhandle_t* zh, int type, int state, const char* path, void* context);
+  struct Reply;
+  // The reply's code once `rc`, the call's, accepted it.
+  int Await(int rc, const Reply& reply);
+  bool WaitFor(const std::function<bool()>& done);
 
-  zhandle_t* m_pZh = nullptr;
-  bool m_bConnected = false;
-  bool m_bExpired = false;
+  std::unique_ptr<zhandle_t, int (*)(zhandle_t*)> m_pZh{nullptr, &zookeeper_close};
+  int m_iState = 0;
 };
 
 }  // namespace zelvar::registry::testing

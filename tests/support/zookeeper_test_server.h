@@ -1,15 +1,7 @@
-// ZooKeeperTestServer: a real standalone ZooKeeper server for tests, from
-// Debian's zookeeper package, on a free loopback port with its own temporary
-// data directory.
-//
-// Start launches the server's Java main class directly and waits (bounded)
-// until a client session connects; Stop ends it (SIGTERM, then SIGKILL) and
-// reaps it. The data directory survives a Stop, so a restarted server knows
-// its sessions and nodes again. The destructor stops the server and removes
-// the directory, whatever state a failed test left.
-//
-// The class path can be changed with OVITA2_ZOOKEEPER_CLASSPATH and the Java
-// binary with OVITA2_JAVA. Test thread only.
+// ZooKeeperTestServer: a real ZooKeeper server (Debian's, or OVITA2_JAVA and
+// OVITA2_ZOOKEEPER_CLASSPATH) on a free loopback port. Its data outlives Stop:
+// a restarted server knows its sessions again. The destructor stops and reaps
+// the server, which also dies with the test process. Test thread only.
 #ifndef OVITA2_TESTS_SUPPORT_ZOOKEEPER_TEST_SERVER_H
 #define OVITA2_TESTS_SUPPORT_ZOOKEEPER_TEST_SERVER_H
 
@@ -17,34 +9,24 @@
 
 #include <string>
 
+#include "local_system.h"
+
 namespace zelvar::registry::testing {
 
 class ZooKeeperTestServer {
  public:
-  static constexpr int kTickMs = 500;
-  static constexpr int kStartLimitMs = 30000;
-
   ZooKeeperTestServer();
-  ~ZooKeeperTestServer();
+  ~ZooKeeperTestServer() { Stop(); }
 
-  ZooKeeperTestServer(const ZooKeeperTestServer&) = delete;
-  ZooKeeperTestServer& operator=(const ZooKeeperTestServer&) = delete;
-
-  // True once a client could connect; otherwise false with the reason (and
-  // the end of the server's output) in `error`.
+  // False, with the server's last output in `error`, when no session opens.
   bool Start(std::string* error);
   void Stop();
   bool Running() const { return m_iPid > 0; }
-
-  // "127.0.0.1:<port>"
-  std::string Address() const;
+  std::string Address() const { return "127.0.0.1:" + std::to_string(m_iPort); }
 
  private:
-  bool Launch(std::string* error);
-  std::string OutputTail() const;
-
-  std::string m_strDir;
-  int m_iPort = 0;
+  ovita2::testing::TempDir m_cDir;
+  int m_iPort;
   pid_t m_iPid = -1;
 };
 
