@@ -1,5 +1,5 @@
-// What every agent test shares: a fresh process state and a test host, and
-// the small builders of addresses and replies.
+// What every agent test shares: a fresh process state, a test host, builders
+// of addresses and replies.
 #ifndef OVITA2_TESTS_AGENT_AGENT_TEST_H
 #define OVITA2_TESTS_AGENT_AGENT_TEST_H
 
@@ -29,12 +29,6 @@ class AgentTest : public ::testing::Test {
   AgentTest() { ResetAgentState(); }
   ~AgentTest() override { ResetAgentState(); }
 
-  bool LogHas(const std::string& part) const {
-    for (const std::string& line : host_.LogLines()) {
-      if (line.find(part) != std::string::npos) return true;
-    }
-    return false;
-  }
   static zelvar::kadri::NameNodeContent Address(const std::string& ip, int port) {
     zelvar::kadri::NameNodeContent content;
     content.set_ip(ip);

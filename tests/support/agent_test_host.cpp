@@ -22,7 +22,6 @@ namespace {
 PluginEntries AgentEntries() {
   PluginEntries entries;
   entries.peek = &OnPeekInterface;
-  entries.routine = &OnRoutine;
   entries.data_in = &OnDataIn;
   return entries;
 }

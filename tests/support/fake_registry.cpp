@@ -1,8 +1,6 @@
 #include "fake_registry.h"
 
 #include <cstdarg>
-#include <cstdio>
-#include <cstdlib>
 
 #include "test_host.h"
 
@@ -10,14 +8,6 @@ namespace ovita2 {
 namespace testing {
 
 zelvar::ZKPluginHandle FakeRegistry::s_sHandle = {&FakeRegistry::Call};
-
-const RegistryCall& FakeRegistry::LastCall() const {
-  if (m_vecCalls.empty()) {
-    std::fprintf(stderr, "FakeRegistry: no command was issued\n");
-    std::abort();
-  }
-  return m_vecCalls.back();
-}
 
 int FakeRegistry::Call(unsigned machineId, const char* command, ...) {
   FakeRegistry& registry = TestHost::Current()->Registry();
@@ -27,12 +17,10 @@ int FakeRegistry::Call(unsigned machineId, const char* command, ...) {
   va_list args;
   va_start(args, command);
   if (call.command == "listvalue" || call.command == "get") {
-    const char* path = va_arg(args, const char*);
-    call.path = path != nullptr ? path : "";
+    call.path = va_arg(args, const char*);
     call.watcher = va_arg(args, RegistryWatcher);
   } else if (call.command == "create") {
-    const char* path = va_arg(args, const char*);
-    call.path = path != nullptr ? path : "";
+    call.path = va_arg(args, const char*);
     const char* data = va_arg(args, const char*);
     int64_t length = va_arg(args, int64_t);
     if (data != nullptr && length > 0) call.data.assign(data, static_cast<size_t>(length));

@@ -1,9 +1,7 @@
-// FakeRegistry: the "zookeeper" plug-in of the test host. Every command is
-// recorded with its issuing machine and arguments ("listvalue"/"get": path,
-// watcher; "create": path, data, 64-bit length, flags; "set_callback":
-// callback). An answer reaches the issuing machine as a plug-in event whose
-// ZKPluginResponse the machine owns. The handle is one object for the program,
-// routed to the current TestHost, so a handle the agent kept stays valid.
+// FakeRegistry: the "zookeeper" plug-in of the test host. Records every
+// command; an answer reaches the issuing machine as a plug-in event. The handle
+// is one object for the program, routed to the current TestHost, so a handle
+// the agent kept from an earlier test stays valid.
 #ifndef OVITA2_TESTS_SUPPORT_FAKE_REGISTRY_H
 #define OVITA2_TESTS_SUPPORT_FAKE_REGISTRY_H
 
@@ -35,13 +33,11 @@ class FakeRegistry {
   void* PluginHandle() { return &s_sHandle; }
 
   const std::vector<RegistryCall>& Calls() const { return m_vecCalls; }
-  // The most recent command; aborts the test program when there is none.
-  const RegistryCall& LastCall() const;
+  const RegistryCall& LastCall() const { return m_vecCalls.at(m_vecCalls.size() - 1); }
   // What the next `command`s return: 0 accepts (the default), else refuses.
   void SetCommandResult(const std::string& command, int result) { m_mapResults[command] = result; }
 
-  // Answers `call` with `retcode` and, for "listvalue", the children as
-  // (name, raw data). Runs at the host's next RunPending.
+  // Answers `call`; for "listvalue", with the children as (name, raw data).
   void Answer(const RegistryCall& call, int retcode,
               const std::vector<std::pair<std::string, std::string>>& children = {});
 

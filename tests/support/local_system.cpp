@@ -22,11 +22,7 @@ TempDir::TempDir() {
 }
 
 TempDir::~TempDir() {
-  std::string command = "rm -rf '" + m_strPath + "'";
-  if (m_strPath != "/tmp") {
-    int rc = std::system(command.c_str());
-    (void)rc;
-  }
+  if (m_strPath != "/tmp") (void)std::system(("rm -rf '" + m_strPath + "'").c_str());
 }
 
 std::string TempDir::Write(const std::string& name, const std::string& text) const {
@@ -42,12 +38,19 @@ std::string ReadFile(const std::string& path) {
   return text.str();
 }
 
-int ConnectLoopback(int port) {
-  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+namespace {
+sockaddr_in Loopback(int port) {
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_port = htons(static_cast<uint16_t>(port));
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  return address;
+}
+}  // namespace
+
+int ConnectLoopback(int port) {
+  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address = Loopback(port);
   if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
     close(fd);
     return -1;
@@ -57,9 +60,7 @@ int ConnectLoopback(int port) {
 
 int ListenLoopback(int* port) {
   int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  sockaddr_in address = Loopback(0);
   if (bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 || listen(fd, 16) != 0) {
     close(fd);
     return -1;

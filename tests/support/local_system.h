@@ -1,8 +1,5 @@
-// What tests need of the machine they run on: a scratch folder, loopback
-// sockets and free ports, and a census of this process's descriptors and
-// unreaped children (to prove that nothing was left behind).
-//
-// Test thread only.
+// What tests need of the machine they run on, and a census of this process's
+// descriptors and unreaped children to prove that nothing was left behind.
 #ifndef OVITA2_TESTS_SUPPORT_LOCAL_SYSTEM_H
 #define OVITA2_TESTS_SUPPORT_LOCAL_SYSTEM_H
 

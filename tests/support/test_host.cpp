@@ -20,18 +20,11 @@ void Unused() {}
 
 }  // namespace
 
-std::string CapturedLongAction::Param(const std::string& key) const {
-  auto it = params.find(key);
-  return it == params.end() ? std::string() : it->second;
-}
-
 const std::string* TestHost::FindConfig(const char* section, const char* key) const {
   auto it = m_mapConfig.find(section != nullptr ? section : "");
   if (it == m_mapConfig.end() || key == nullptr) return nullptr;
-  for (const auto& entry : it->second) {
-    if (entry.first == key) return &entry.second;
-  }
-  return nullptr;
+  auto found = it->second.find(key);
+  return found != it->second.end() ? &found->second : nullptr;
 }
 
 void TestHost::Log(int, const char* format, ...) {
@@ -45,8 +38,6 @@ void TestHost::Log(int, const char* format, ...) {
   Current()->m_vecLog.push_back(text);
 }
 
-// The slots reach the host through Current(): a plain function pointer
-// carries no object.
 TestHost::TestHost(const PluginEntries& plugin, unsigned defaultMachineTimeoutSec)
     : m_sPlugin(plugin),
       m_pBase(event_base_new()),
@@ -83,8 +74,10 @@ TestHost::TestHost(const PluginEntries& plugin, unsigned defaultMachineTimeoutSe
   });
   Set(zelvar::kSlotGetNow, +[] { return static_cast<const int64_t*>(&Current()->m_i64Now); });
   Set(zelvar::kSlotGetConnectionBev, +[](uint64_t connA, uint64_t connB) {
-    TestPeer* peer = Current()->FindOpen(connA, connB);
-    return peer != nullptr ? peer->AgentSide() : nullptr;
+    for (const auto& peer : Current()->m_vecPeers) {
+      if (peer->IsOpen() && peer->ConnA() == connA && peer->ConnB() == connB) return peer->AgentSide();
+    }
+    return static_cast<bufferevent*>(nullptr);
   });
   Set(zelvar::kSlotPostToMachine, +[](ZMessage* message, zelvar::StateMachine* target, unsigned id) {
     Current()->m_uLastPostedId = id;
@@ -117,7 +110,8 @@ TestHost::TestHost(const PluginEntries& plugin, unsigned defaultMachineTimeoutSe
   Set(zelvar::kSlotDeliverToMachine, +[](unsigned machineId, void* record, void (*drop)(void*)) {
     return Current()->DeliverRecord(machineId, record, drop);
   });
-  InstallTable();
+  if (m_sPlugin.peek != nullptr) m_sPlugin.peek(m_aTable);
+  m_vecLog.clear();  // the entry line is checked on its own
 }
 
 TestHost::~TestHost() {
@@ -134,47 +128,16 @@ TestHost* TestHost::Current() {
   return g_current;
 }
 
-void TestHost::InstallTable() {
-  if (m_sPlugin.peek != nullptr) m_sPlugin.peek(m_aTable);
-  // A test starts from an empty log; the entry line is checked on its own.
-  m_vecLog.clear();
-}
-
-void TestHost::ClearSlot(zelvar::HostSlot slot) {
-  m_aTable[slot] = nullptr;
-  InstallTable();
-}
-
 void TestHost::AdvanceClock(int64_t seconds) {
   m_i64Now += seconds;
   m_pRuntime->FireTimeouts();
 }
 
 bool TestHost::Logged(const std::string& text) const {
-  return std::find(m_vecLog.begin(), m_vecLog.end(), text) != m_vecLog.end();
-}
-
-int TestHost::Releases(const zelvar::ZMessage* message) const {
-  auto found = m_mapReleases.find(message);
-  return found != m_mapReleases.end() ? found->second : 0;
-}
-
-void TestHost::SetConfig(const std::string& section, const std::string& key, const std::string& value) {
-  auto& entries = m_mapConfig[section];
-  for (auto& entry : entries) {
-    if (entry.first == key) {
-      entry.second = value;
-      return;
-    }
+  for (const std::string& line : m_vecLog) {
+    if (line.find(text) != std::string::npos) return true;
   }
-  entries.emplace_back(key, value);
-}
-
-StartedMachine TestHost::RunRoutine() {
-  zelvar::StateMachine* machine = nullptr;
-  if (m_sPlugin.routine != nullptr) m_sPlugin.routine(&machine);
-  if (machine == nullptr) return StartedMachine();
-  return Start(machine);
+  return false;
 }
 
 StartedMachine TestHost::Start(zelvar::StateMachine* machine) {
@@ -182,8 +145,6 @@ StartedMachine TestHost::Start(zelvar::StateMachine* machine) {
   m_pRuntime->Start(machine);
   return started;
 }
-
-size_t TestHost::RunPending() { return m_pRuntime->RunPending(); }
 
 void TestHost::PostMessage(zelvar::StateMachine* machine, zelvar::ZMessage* message) {
   m_pRuntime->Post(machine, zelvar::MessageEvent(message));
@@ -193,43 +154,30 @@ int TestHost::DeliverRecord(uint32_t machineId, void* record, void (*drop)(void*
   return m_pRuntime->PostById(machineId, zelvar::PluginEvent(record, drop));
 }
 
-TestPeer& TestHost::NewPeer(const std::string& ip, uint16_t port, bool outbound) {
+TestPeer& TestHost::Peer(const std::string& ip, uint16_t port) {
+  for (const auto& peer : m_vecPeers) {
+    if (peer->outbound && peer->IsOpen() && peer->Ip() == ip && peer->Port() == port) return *peer;
+  }
+  return Accept(ip, port, true);
+}
+
+TestPeer& TestHost::Accept(const std::string& ip, uint16_t port, bool outbound) {
   // Like a descriptor and a serial number: never reused within one host.
-  uint64_t serial = m_u64NextConn++;
+  uint64_t serial = m_vecPeers.size() + 1;
   m_vecPeers.emplace_back(new TestPeer(this, m_pBase, ip, port, 100 + serial, serial));
-  m_vecOutbound.push_back(outbound);
+  m_vecPeers.back()->outbound = outbound;
   return *m_vecPeers.back();
 }
 
-TestPeer& TestHost::Peer(const std::string& ip, uint16_t port) {
-  for (size_t i = 0; i < m_vecPeers.size(); ++i) {
-    TestPeer& peer = *m_vecPeers[i];
-    if (m_vecOutbound[i] && peer.IsOpen() && peer.Ip() == ip && peer.Port() == port) return peer;
-  }
-  return NewPeer(ip, port, true);
-}
-
-TestPeer& TestHost::Accept(const std::string& ip, uint16_t port) { return NewPeer(ip, port, false); }
-
-TestPeer* TestHost::FindOpen(uint64_t connA, uint64_t connB) const {
-  for (const auto& peer : m_vecPeers) {
-    if (peer->IsOpen() && peer->ConnA() == connA && peer->ConnB() == connB) return peer.get();
-  }
-  return nullptr;
-}
-
 int TestHost::Route(TestPeer& peer) {
-  if (m_sPlugin.data_in == nullptr) return -1;
-  int result;
-  do {
+  for (;;) {
     zelvar::ZMessage* message = nullptr;
     zelvar::StateMachine* machine = nullptr;
-    result = m_sPlugin.data_in(peer.ConnA(), peer.ConnB(), &message, &machine);
-    if (result != 0) break;
+    int result = m_sPlugin.data_in(peer.ConnA(), peer.ConnB(), &message, &machine);
+    if (result != 0) return result;
     m_pLastRouted = message;
     PostMessage(machine, message);
-  } while (result == 0);
-  return result;
+  }
 }
 
 void TestHost::CompleteLongAction(uint32_t flowNo, const std::string& output, const std::string& error,

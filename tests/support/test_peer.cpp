@@ -4,7 +4,6 @@
 #include <event2/bufferevent.h>
 #include <event2/event.h>
 
-#include <cstdio>
 #include <cstdlib>
 
 #include "test_host.h"
@@ -39,14 +38,14 @@ std::string TestPeer::ReadRaw() {
 
 bool TestPeer::ReadFrame(zelvar::ZMessage* message) {
   evbuffer* input = bufferevent_get_input(m_pTestSide);
-  unsigned char prefix[zelvar::kFramePrefixSize];
-  if (evbuffer_copyout(input, prefix, sizeof(prefix)) != static_cast<ev_ssize_t>(sizeof(prefix))) return false;
+  const unsigned char* prefix = evbuffer_pullup(input, zelvar::kFramePrefixSize);
+  if (prefix == nullptr) return false;
   size_t length = zelvar::FrameBodyLength(prefix);
-  if (evbuffer_get_length(input) < sizeof(prefix) + length) return false;
-  evbuffer_drain(input, sizeof(prefix));
-  std::string body(length, '\0');
-  if (length != 0) evbuffer_remove(input, &body[0], length);
-  return message->ParseFromString(body);
+  const unsigned char* frame = evbuffer_pullup(input, static_cast<ev_ssize_t>(zelvar::kFramePrefixSize + length));
+  if (frame == nullptr) return false;  // not complete yet
+  bool parsed = message->ParseFromArray(frame + zelvar::kFramePrefixSize, static_cast<int>(length));
+  evbuffer_drain(input, zelvar::kFramePrefixSize + length);
+  return parsed;
 }
 
 void TestPeer::WriteRaw(const std::string& bytes) { bufferevent_write(m_pTestSide, bytes.data(), bytes.size()); }

@@ -1,8 +1,6 @@
-// TestPeer: the far end of one connection of the test host. A connection is
-// a bufferevent pair: the agent holds one side (from ConnectTo or
-// GetConnectionBev), the test the other, so what the agent writes is read
-// back as frames and what the test writes lands in the agent's input.
-// Owned by its TestHost; test thread only.
+// TestPeer: the far end of one connection of the test host, a bufferevent
+// pair: the agent holds one side (from ConnectTo or GetConnectionBev), the
+// test the other. Owned by its TestHost.
 #ifndef OVITA2_TESTS_SUPPORT_TEST_PEER_H
 #define OVITA2_TESTS_SUPPORT_TEST_PEER_H
 
@@ -38,15 +36,15 @@ class TestPeer {
   // The next complete frame, decoded; false when none is complete.
   bool ReadFrame(zelvar::ZMessage* message);
 
-  // Bytes into the agent's input; nothing is routed.
+  // Bytes into the agent's input, not routed.
   void WriteRaw(const std::string& bytes);
-  // Frames `message` into the agent's input and routes it (TestHost::Route);
-  // the machine runs at the host's next RunPending. OnDataIn's last result.
+  // Frames `message` into the agent's input and routes it (TestHost::Route).
   int Send(const zelvar::ZMessage& message);
 
   // The host forgets the connection: GetConnectionBev gives null for it.
   void Close() { m_bOpen = false; }
   bool IsOpen() const { return m_bOpen; }
+  bool outbound = false;  // made by the agent's ConnectTo
 
  private:
   TestHost* m_pHost;
