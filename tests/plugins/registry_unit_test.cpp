@@ -29,7 +29,9 @@ TEST_P(EmbeddedRegistry, KeepsOnlyConfiguredNodesWithAPathAndAnIpColonPort) {
   m_host.SetConfig("embedded_registry", "/n/v4", "127.0.0.1:7100");
   m_host.SetConfig("embedded_registry", "/n/v6", "[::1]:65535");
   ASSERT_NO_FATAL_FAILURE(Load());
-  EXPECT_EQ(m_host.LogLinesAt(4).size(), std::size(bad)) << "each ignored entry is reported";
+  size_t reported = 0;
+  for (const std::string& line : m_host.LogLines()) reported += line.find("entry ignored") != std::string::npos;
+  EXPECT_EQ(reported, std::size(bad)) << "each ignored entry is reported";
   const ZKPluginResponse* listed = Ask("listvalue", "/n", kNoWatch);
   ASSERT_NE(listed, nullptr);
   ASSERT_EQ(listed->keyvalues.size(), 2u);

@@ -221,7 +221,7 @@ bool TestHost::RunLoopUntil(const std::function<bool()>& done, int limitMs) {
 }
 
 void TestHost::CountUndeliveredRecords() {
-  m_aTable[zelvar::kSlotDeliverToMachine] = AsSlot(&TestHost::DeliverCountingUndelivered);
+  Set(zelvar::kSlotDeliverToMachine, &TestHost::DeliverCountingUndelivered);
 }
 
 int TestHost::DeliverCountingUndelivered(unsigned machineId, void* record, void (*drop)(void*)) {

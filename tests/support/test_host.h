@@ -40,6 +40,7 @@ struct CapturedLongAction {
 // The entry points of the plug-in a TestHost drives; any may be null.
 struct PluginEntries {
   void (*peek)(zelvar::HostFunction* table) = nullptr;
+  int (*routine)(zelvar::StateMachine** machineOut) = nullptr;
   int (*data_in)(uint64_t connA, uint64_t connB, zelvar::ZMessage** messageOut,
                  zelvar::StateMachine** machineOut) = nullptr;
 };
@@ -65,6 +66,8 @@ class TestHost {
   TestHost& operator=(const TestHost&) = delete;
 
   static TestHost* Current();
+  // The table, for a plug-in a test loads itself.
+  zelvar::HostFunction* Table() { return m_aTable; }
 
   // Moves the clock on and fires the machine timeouts that fell due.
   void AdvanceClock(int64_t seconds);
