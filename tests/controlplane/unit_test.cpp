@@ -383,8 +383,7 @@ TEST_F(ClientTest, ReadingCommandsPrintWhatTheyAskForAndExitWithTheirStatus) {
        "2023-11-15 12:00:00  web-01  -       motd  two\\n\n", ""},
       {{"samples", "--json", "--agent", "web-01", "--object", "01", "--limit", "1"}, 0,
        R"({"id":3,"received_at":1700049600,"agent":"web-01","kind":"numeric","object_id":1,"name":"load",)"
-       R"("stat_item":1001,"tenths":-5,"value":-0.5})"
-       "\n", ""},
+       R"("stat_item":1001,"tenths":-5,"value":-0.5})" "\n", ""},
       // Output that is not UTF-8 still gets its line.
       {{"samples", "--json", "--name", "raw"}, 0,
        R"({"id":1,"received_at":1700049600,"agent":"odd","kind":"text","object_id":null,"name":"raw",)"
@@ -394,8 +393,7 @@ TEST_F(ClientTest, ReadingCommandsPrintWhatTheyAskForAndExitWithTheirStatus) {
        "web-01  2023-11-15 12:01:01  2.1.0    4     2023-11-15 12:01:01  10.0.0.1  -\n"
        "web-02  never                -        0     2023-11-15 12:00:00  -         -\n", ""},
       {{"lines", "--agent", "web-01", "--limit", "1", "--json"}, 0,
-       R"({"id":3,"received_at":1700049600,"agent":"web-01","line":"web-01"})"
-       "\n", ""},
+       R"({"id":3,"received_at":1700049600,"agent":"web-01","line":"web-01"})" "\n", ""},
       {{"agents", "--json", "--db", nowhere}, 2, "", nowhere + ": no such database (the control plane creates it"},
       {{"samples", "--object", "4294967296"}, kUsage, "", "--object: '4294967296' is larger than 4294967295"},
       {{"enable", "[::1]7300", "7"}, kUsage, "", "ADDRESS: "},
