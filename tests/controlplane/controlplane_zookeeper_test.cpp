@@ -25,18 +25,12 @@ TEST(ControlPlaneZooKeeper, RegistersItsEndpointAsEphemeralNodesAndAgainWhenOneV
   const int port = ovita2::testing::FreeLoopbackPort();
   dir.Write("jobs.yaml", "agents: {}\n");
   zelvar_host::Host host;
-  ASSERT_TRUE(host.Init(dir.Write("cp.ini",
-                                  "[host]\nlog_file = host.log\nlog_level = 2\n[network]\nlisten-ip = "
-                                  "127.0.0.1\nlisten-port = " +
-                                      std::to_string(port) +
-                                      "\n[plugins]\nzookeeper = " ZOOKEEPER_REGISTRY_PATH
-                                      "\ncontrolplane = " CONTROLPLANE_PLUGIN_PATH "\n[zookeeper]\nhosts = " +
-                                      server.Address() +
-                                      "\nsession_timeout_ms = 4000\n[controlplane]\n"
-                                      "name = cp-z\njobs_file = jobs.yaml\ndatabase = cp.db\n"
-                                      "master_path = /fleet/names/MASTER\n"),
-                        &error))
-      << error;
+  const std::string config =
+      "[host]\nlog_file = host.log\nlog_level = 2\n[network]\nlisten-ip = 127.0.0.1\nlisten-port = " +
+      std::to_string(port) + "\n[plugins]\nzookeeper = " ZOOKEEPER_REGISTRY_PATH "\ncontrolplane = "
+      CONTROLPLANE_PLUGIN_PATH "\n[zookeeper]\nsession_timeout_ms = 4000\nhosts = " + server.Address() +
+      "\n[controlplane]\nname = cp-z\njobs_file = jobs.yaml\ndatabase = cp.db\nmaster_path = /fleet/names/MASTER\n";
+  ASSERT_TRUE(host.Init(dir.Write("cp.ini", config), &error)) << error;
   // How often the log says `node` was registered.
   auto registered = [&](const std::string& node) {
     const std::string log = ovita2::testing::ReadFile(dir.Path() + "/host.log"),

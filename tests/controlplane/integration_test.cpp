@@ -25,16 +25,13 @@ namespace ov = zelvar::ovita2;
 using ovita2::testing::ReadFile;
 
 std::string Jobs(const std::string& agent, const std::string& command, const std::string& more = "") {
-  return "agents:\n  " + agent +
-         ":\n    objects:\n      - object_id: 4\n        jobs:\n          - {job_id: 1, interval: "
-         "10, stat_item: 41, command: \"" +
-         command + "\", stat_key: k1}\n" + more;
+  return "agents:\n  " + agent + ":\n    objects:\n      - object_id: 4\n        jobs:\n          - {job_id: 1, " +
+         "interval: 10, stat_item: 41, command: \"" + command + "\", stat_key: k1}\n" + more;
 }
 // A host's configuration: its log and port, the embedded registry and `plugin`, then `extra`.
 std::string HostConfig(const std::string& log, int port, const std::string& plugin, const std::string& extra) {
-  return "[host]\nlog_file = " + log +
-         "\nlog_level = 2\n[network]\nlisten-ip = 127.0.0.1\nlisten-port = " + std::to_string(port) +
-         "\n[plugins]\nzookeeper = " EMBEDDED_REGISTRY_PATH "\n" + plugin + "\n" + extra;
+  return "[host]\nlog_file = " + log + "\nlog_level = 2\n[network]\nlisten-ip = 127.0.0.1\nlisten-port = " +
+         std::to_string(port) + "\n[plugins]\nzookeeper = " EMBEDDED_REGISTRY_PATH "\n" + plugin + "\n" + extra;
 }
 std::string ControlPlaneConfig(int port, const std::string& settings) {
   return HostConfig("host.log", port, "controlplane = " CONTROLPLANE_PLUGIN_PATH,
@@ -70,21 +67,22 @@ class ControlPlaneInHost : public ::testing::Test {
   std::string error;
 };
 
-TEST_F(ControlPlaneInHost, AnswersOnItsPortPrunesOldSamplesAndReloadsItsJobsOnSighup) {
+TEST_F(ControlPlaneInHost, RefusesBadSettingsAnswersPrunesAndReloadsItsJobsOnSighup) {
   {
     SampleStore seed;  // two samples, either side of the three days kept
     ASSERT_TRUE(seed.Open(dir.Path() + "/cp.db", &error)) << error;
     const int64_t cutoff = std::time(nullptr) - 3 * 86400;
-    SampleRow old, recent;
-    old.agent = recent.agent = "web-01";
-    old.received_at = cutoff - 60;
-    recent.received_at = cutoff + 60;
+    SampleRow old{0, cutoff - 60, "web-01"}, recent{0, cutoff + 60, "web-01"};
     ASSERT_TRUE(seed.AddSamples({old, recent}, &error)) << error;
   }
   dir.Write("jobs.yaml", Jobs("web-01", "echo old"));
-  ASSERT_TRUE(
-      host.Init(dir.Write("cp.ini", ControlPlaneConfig(port, "jobs_file = jobs.yaml\nkeep_days = 3\n")), &error))
-      << error;
+  zelvar_host::Host refused;
+  EXPECT_FALSE(refused.Init(dir.Write("bad.ini", ControlPlaneConfig(port, "jobs_file = jobs.yaml\nkeep_days = soon\n")),
+                            &error));
+  EXPECT_NE(error.find("\"controlplane\" failed to start"), std::string::npos) << error;
+  EXPECT_NE(Log().find("controlplane: not started: [controlplane] keep_days must be a number"), std::string::npos);
+  ASSERT_TRUE(host.Init(dir.Write("cp.ini", ControlPlaneConfig(port, "jobs_file = jobs.yaml\nkeep_days = 3\n")),
+                        &error)) << error;
   const int fd = ovita2::testing::ConnectLoopback(port);
   SampleStore reader;
   ASSERT_TRUE(reader.OpenReadOnly(dir.Path() + "/cp.db", &error)) << error;
@@ -96,8 +94,7 @@ TEST_F(ControlPlaneInHost, AnswersOnItsPortPrunesOldSamplesAndReloadsItsJobsOnSi
   EXPECT_EQ(FirstJobCommand(fd), "echo old");
   dir.Write("jobs.yaml", "agents:\n  web-01:\n    objects:\n      - object_id: one\n");
   raise(SIGHUP);
-  ASSERT_TRUE(
-      RunUntilLogged("jobs file not reloaded, the previous one stays in service: " + dir.Path() + "/jobs.yaml:4:"))
+  ASSERT_TRUE(RunUntilLogged("jobs file not reloaded, the previous one stays in service: " + dir.Path() + "/jobs"))
       << Log();
   EXPECT_EQ(FirstJobCommand(fd), "echo old");
   dir.Write("jobs.yaml", Jobs("web-01", "echo new"));
@@ -113,20 +110,6 @@ TEST_F(ControlPlaneInHost, AnswersOnItsPortPrunesOldSamplesAndReloadsItsJobsOnSi
   EXPECT_EQ(FirstJobCommand(fd), "echo new");
   close(bad);
   close(fd);
-}
-
-TEST_F(ControlPlaneInHost, RefusesToStartWithTheReasonInItsLog) {
-  dir.Write("bad.yaml", "agents:\n  web-01:\n    objectz: []\n");
-  for (const auto& c : std::vector<std::pair<std::string, std::string>>{
-           {"jobs_file = bad.yaml\n", "bad.yaml:3:5: unknown agent field"},
-           {"jobs_file = bad.yaml\nkeep_days = soon\n", "[controlplane] keep_days must be a number of days"}}) {
-    zelvar_host::Host refused;
-    EXPECT_FALSE(refused.Init(dir.Write("cp.ini", ControlPlaneConfig(port, c.first)), &error));
-    EXPECT_NE(error.find("\"controlplane\" failed to start"), std::string::npos) << error;
-    EXPECT_NE(Log().find("controlplane: not started: "), std::string::npos) << Log();
-    EXPECT_NE(Log().find(c.second), std::string::npos) << c.second << "\n" << Log();
-    unlink((dir.Path() + "/host.log").c_str());
-  }
 }
 
 // A zelvar-host process started in `dir`, its output in `dir`/host.out;
@@ -164,9 +147,9 @@ TEST(AgentAgainstControlPlane, WhatTheAgentMeasuresIsReadBackThroughTheClient) {
   ovita2::testing::TempDir dir;
   const int cpPort = ovita2::testing::FreeLoopbackPort();
   const std::string at = "127.0.0.1:" + std::to_string(cpPort), database = dir.Path() + "/cp.db";
-  dir.Write("jobs.yaml", Jobs("e2e", "echo 12.37",
-                              "          - {job_id: 2, interval: 10, command: \"echo hello\", "
-                              "stat_key: k2, string_value: 1}\n"));
+  dir.Write("jobs.yaml",
+            Jobs("e2e", "echo 12.37", "          - {job_id: 2, interval: 10, command: 'echo hello', stat_key: k2, "
+                                      "string_value: 1}\n"));
   HostProcess controlPlane(dir.Path(), dir.Write("cp.ini", ControlPlaneConfig(cpPort, "jobs_file = jobs.yaml\n")));
   auto cpLog = [&] { return ReadFile(dir.Path() + "/host.log"); };
   for (int wait = 0; wait < 200 && cpLog().find("serving as cp-1") == std::string::npos; ++wait) usleep(100000);
@@ -174,22 +157,18 @@ TEST(AgentAgainstControlPlane, WhatTheAgentMeasuresIsReadBackThroughTheClient) {
 
   zelvar_host::Host agent;
   std::string error;
-  ASSERT_TRUE(agent.Init(
-      dir.Write("agent.ini", HostConfig("agent.log", ovita2::testing::FreeLoopbackPort(), "agent = " AGENT_PLUGIN_PATH,
-                                        "[embedded_registry]\n/ovita2/names/MASTER/cp-1 = " + at +
-                                            "\n/ovita2/names/TELLAR2_ACCESS/cp-1 = " + at +
-                                            "\n[names]\nMASTER = /ovita2/names/MASTER\n"
-                                            "TELLAR2_ACCESS = /ovita2/names/TELLAR2_ACCESS\n"
-                                            "[common]\nagentname = e2e\nmyname = /ovita2/agents/e2e\n"
-                                            "highprecision_frequency = 10\n")),
-      &error))
-      << error;
+  const std::string names = "[embedded_registry]\n/ovita2/names/MASTER/cp-1 = " + at +
+                            "\n/ovita2/names/TELLAR2_ACCESS/cp-1 = " + at +
+                            "\n[names]\nMASTER = /ovita2/names/MASTER\nTELLAR2_ACCESS = /ovita2/names/TELLAR2_ACCESS\n"
+                            "[common]\nagentname = e2e\nmyname = /ovita2/agents/e2e\nhighprecision_frequency = 10\n";
+  const int agentPort = ovita2::testing::FreeLoopbackPort();
+  const std::string agentConfig = HostConfig("agent.log", agentPort, "agent = " AGENT_PLUGIN_PATH, names);
+  ASSERT_TRUE(agent.Init(dir.Write("agent.ini", agentConfig), &error)) << error;
   agent.SetRoutinePeriod(10000);
   agent.Clock().Skip(10);  // the master is asked for the task queue
-  ASSERT_TRUE(agent.RunUntil(
-      [&] { return ReadFile(dir.Path() + "/agent.log").find("my task queue: cp-1, " + at) != std::string::npos; },
-      20.0))
-      << ReadFile(dir.Path() + "/agent.log");
+  const auto agentLog = [&] { return ReadFile(dir.Path() + "/agent.log"); };
+  ASSERT_TRUE(agent.RunUntil([&] { return agentLog().find("my task queue: cp-1, " + at) != std::string::npos; }, 20.0))
+      << agentLog();
   agent.Clock().Skip(150);  // the job list is fetched
   ASSERT_TRUE(agent.RunUntil([&] { return cpLog().find("gave agent e2e its 2 jobs") != std::string::npos; }, 20.0))
       << cpLog();
@@ -200,9 +179,8 @@ TEST(AgentAgainstControlPlane, WhatTheAgentMeasuresIsReadBackThroughTheClient) {
     agent.Clock().Skip(10);
     agent.RunUntil([] { return false; }, 0.3);
     std::ostringstream out, err;
-    const std::vector<const char*> argv = {"ovita2ctl", "samples", "--json",        "--agent",
-                                           "e2e",       "--db",    database.c_str()};
-    RunClient(static_cast<int>(argv.size()), argv.data(), out, err);
+    const char* argv[] = {"ovita2ctl", "samples", "--json", "--agent", "e2e", "--db", database.c_str()};
+    RunClient(7, argv, out, err);
     std::istringstream lines(out.str());
     for (std::string line; std::getline(lines, line);) {
       const nlohmann::json row = nlohmann::json::parse(line);
