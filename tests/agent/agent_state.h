@@ -15,7 +15,9 @@
 #include "naming/name_container.h"
 #include "naming/update_aggregation.h"
 #include "naming/update_task_queue.h"
+#include "pipeline/execute_hp_jobs.h"
 #include "pipeline/execute_jobs.h"
+#include "pipeline/second_phase.h"
 #include "pipeline/stats_queues.h"
 #include "test_host.h"
 #include "zelvar/long_action.h"
@@ -36,6 +38,9 @@ inline void ResetAgentState() {
   g_highprecision_frequency = kDefaultHighPrecisionFrequency;
   UpdateJobsMachine::ResetSlowCounter();
   ExecuteJobsMachine::m_bRunning = false;
+  ExecuteHpJobsMachine::m_bRunning = false;
+  SecondPhaseMachine::isRunning = false;
+  g_mapHpSecondInfo.clear();
   JobContainer::Instance()->Reset();
   g_vecUpper.clear();
   g_vecStringUpper.clear();
