@@ -1,31 +1,147 @@
+// The agent inside zelvar-host with the embedded registry, against fake
+// control-plane services on loopback; the host's executor runs the commands.
+// The clock is skipped forward between steps so the agent's 10 s and 150 s
+// schedules pass in a moment.
+#include <fcntl.h>
+#include <google/protobuf/text_format.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
-#include <string>
+#include <map>
 
-#include "host.h"
-#include "test_support.h"
+#include "agent_host.h"
+#include "zelvar/frame.h"
+#include "zelvar/message_util.h"
+#include "zelvar/ovita2.pb.h"
+#include "zelvar/tellar2.pb.h"
 
 namespace {
 
-TEST(AgentInHost, LoadsReadsItsNamesAndAsksForTheOneSecondTick) {
-  host_test::TempDir dir;
-  std::string config = dir.Write("agent.ini",
-                                 "[host]\nlog_file = host.log\nlog_level = 1\n"
-                                 "[plugins]\nagent = " AGENT_PLUGIN_PATH "\n"
-                                 "[common]\nhighprecision_frequency = 5\nmyname = /ovita2/agents/a1\n"
-                                 "[names]\nMASTER = /ovita2/names/MASTER\nTELLAR2_ACCESS = /ovita2/names/TELLAR2_ACCESS\n"
-                                 "UNUSED =\n");
-  zelvar_host::Host host;
-  std::string error;
-  ASSERT_TRUE(host.Init(config, &error)) << error;
-  EXPECT_EQ(host.RoutinePeriodUs(), 1000000u);
+namespace ov = zelvar::ovita2;
+namespace tl = zelvar::tellar2;
+using ovita2::testing::AgentHost;
 
-  std::string log = host_test::ReadFile(dir.Path() + "/host.log");
-  EXPECT_NE(log.find("OnPeekInterface entry"), std::string::npos) << log;
-  EXPECT_NE(log.find("define name MASTER to /ovita2/names/MASTER\n"), std::string::npos) << log;
-  EXPECT_NE(log.find("define name TELLAR2_ACCESS to /ovita2/names/TELLAR2_ACCESS\n"), std::string::npos) << log;
-  EXPECT_EQ(log.find("define name UNUSED"), std::string::npos) << log;
-  host.Shutdown();
+// Control-plane services on one loopback port, answering as the real ones do
+// and keeping every request. Served between the host loop's turns, so the one
+// test thread drives both sides.
+struct FakeServices {
+  FakeServices() : listenFd(ovita2::testing::ListenLoopback(&port)) { fcntl(listenFd, F_SETFL, O_NONBLOCK); }
+  ~FakeServices() {
+    for (const auto& peer : inputs) close(peer.first);
+    close(listenFd);
+  }
+
+  void Serve() {
+    int accepted = accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC);
+    if (accepted >= 0) inputs[accepted];
+    for (auto& [fd, input] : inputs) {
+      ovita2::testing::ReadAvailable(fd, &input);  // a peer that left is closed with the rest, at the end
+      while (input.size() >= zelvar::kFramePrefixSize) {
+        size_t length = zelvar::FrameBodyLength(reinterpret_cast<const unsigned char*>(input.data()));
+        if (input.size() < zelvar::kFramePrefixSize + length) break;
+        zelvar::ZMessage request, reply;
+        request.ParseFromArray(input.data() + zelvar::kFramePrefixSize, static_cast<int>(length));
+        input.erase(0, zelvar::kFramePrefixSize + length);
+        if (Answer(request, &reply)) ovita2::testing::SendAll(fd, zelvar::EncodeFrame(reply));
+      }
+    }
+  }
+
+  bool Answer(const zelvar::ZMessage& request, zelvar::ZMessage* reply) {
+    unsigned type = request.head().message_type();
+    received.emplace(type, request);
+    zelvar::Body* body = reply->mutable_body();
+    auto point = [&](auto* answer, const char* name) {
+      answer->mutable_rc()->set_code(0);
+      answer->set_name(name);
+      answer->set_ip("127.0.0.1");
+      answer->set_port(namedPort);
+    };
+    switch (type) {
+      case ov::GET_TASK_QUEUE_REQUEST: point(body->MutableExtension(ov::get_task_queue_response), "tq-1"); break;
+      case ov::GET_AGGREGATION_REQUEST: point(body->MutableExtension(ov::get_aggregation_response), "aggr-1"); break;
+      case ov::GET_JOB_REQUEST: *body->MutableExtension(ov::get_job_response) = jobs; break;
+      case ov::RECORD_STATS_REQUEST: body->MutableExtension(tl::record_stats_response)->mutable_rc(); break;
+      case ov::RECORD_STRING_STATS_REQUEST: body->MutableExtension(tl::record_string_stats_response)->mutable_rc(); break;
+      default: return false;
+    }
+    zelvar::MakeResponse(request, static_cast<int>(type) + 1, reply);
+    return true;
+  }
+  const zelvar::Body& First(unsigned type) const { return received.lower_bound(type)->second.body(); }
+
+  int port = 0;
+  int listenFd;
+  int namedPort = 0;  // where the task queue and aggregation answers point
+  ov::GetJobResponse jobs;
+  std::multimap<unsigned, zelvar::ZMessage> received;
+  std::map<int, std::string> inputs;  // connection -> bytes not yet framed
+};
+
+// A number, a text and a failing command, all of object 1.
+constexpr const char* kJobs = R"(rc { code: 0 }
+  object_jobs { object_id: 1 job { job_id: 1 stat_item: 101 interval: 10 stat_key: "load"
+                                   command: "printf" command_args: "'12.37\\n'" } }
+  object_jobs { object_id: 1 job { job_id: 2 stat_item: 102 interval: 10 stat_key: "kernel"
+                                   command: "printf 'line one\\nline two\\n'" string_value: 1 } }
+  object_jobs { object_id: 1 job { job_id: 3 stat_item: 103 interval: 10 stat_key: "broken" command: "exit 3" } })";
+
+class AgentInHost : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(agent.ok()) << agent.error();
+    ASSERT_TRUE(google::protobuf::TextFormat::ParseFromString(kJobs, &queue.jobs));
+    services.namedPort = queue.port;  // the task queue and aggregation live elsewhere
+    agent.host().SetRoutinePeriod(10000);  // every routine due starts within a few loop turns
+  }
+  std::string Sections() const {
+    std::string at = "127.0.0.1:" + std::to_string(services.port);
+    return "[embedded_registry]\n/ovita2/names/MASTER/m1 = " + at + "\n/ovita2/names/TELLAR2_ACCESS/a1 = " + at +
+           "\n[common]\nmyname = /ovita2/agents/it\nagentname = it\nhighprecision_frequency = 10\n"
+           "[network]\nlisten-ip = 127.0.0.1\n"
+           "[names]\nMASTER = /ovita2/names/MASTER\nTELLAR2_ACCESS = /ovita2/names/TELLAR2_ACCESS\n";
+  }
+  bool Until(const std::function<bool()>& done) {
+    return agent.RunUntil([&] { return services.Serve(), queue.Serve(), done(); });
+  }
+  bool UntilLogged(const std::string& text) { return Until([&] { return agent.Count(text) > 0; }); }
+  bool UntilAsked(const FakeServices& service, unsigned type) {
+    return Until([&] { return service.received.count(type) > 0; });
+  }
+
+  FakeServices services;  // master and statistics access, found by name
+  FakeServices queue;     // task queue and aggregation, named by the two above
+  AgentHost agent{EMBEDDED_REGISTRY_PATH, Sections()};
+};
+
+TEST_F(AgentInHost, ResolvesItsNamesAndRegistersItselfThroughTheEmbeddedRegistry) {
+  std::string at = "ip=127.0.0.1, port=" + std::to_string(services.port) + "\n";
+  ASSERT_TRUE(UntilLogged("|Register myself finished")) << agent.LogText();
+  ASSERT_TRUE(UntilLogged("|name=TELLAR2_ACCESS, " + at) && UntilLogged("|name=MASTER, " + at)) << agent.LogText();
+  EXPECT_EQ(agent.Count("failed"), 0u) << agent.LogText();
+}
+
+TEST_F(AgentInHost, JobOutputReachesTheAggregationServiceTheAccessServiceNamed) {
+  ASSERT_TRUE(UntilLogged("name=MASTER, ip=127.0.0.1, port=" + std::to_string(services.port))) << agent.LogText();
+  agent.host().Clock().Skip(10);  // the task queue and the aggregation endpoint are asked for
+  ASSERT_TRUE(UntilAsked(services, ov::GET_TASK_QUEUE_REQUEST) && UntilAsked(services, ov::GET_AGGREGATION_REQUEST));
+  agent.host().Clock().Skip(150);  // the job list is fetched
+  ASSERT_TRUE(UntilAsked(queue, ov::GET_JOB_REQUEST)) << agent.LogText();
+  EXPECT_EQ(queue.First(ov::GET_JOB_REQUEST).GetExtension(ov::get_job_request).agent_name(), "it");
+  agent.host().Clock().Skip(10);  // the jobs run
+  ASSERT_TRUE(UntilLogged("long action stderr: 3, ")) << agent.LogText();
+  agent.RunUntil([] { return false; }, 0.3);
+  agent.host().Clock().Skip(10);  // the samples leave
+  ASSERT_TRUE(UntilAsked(queue, ov::RECORD_STATS_REQUEST) && UntilAsked(queue, ov::RECORD_STRING_STATS_REQUEST));
+
+  EXPECT_EQ(services.received.count(ov::GET_JOB_REQUEST) + services.received.count(ov::RECORD_STATS_REQUEST), 0u);
+  EXPECT_EQ(queue.First(ov::RECORD_STATS_REQUEST).GetExtension(tl::record_stats_request).ShortDebugString(),
+            R"(stats { name: "load" object_id: 1 stat_item: 101 value: 123 })");
+  auto text = queue.First(ov::RECORD_STRING_STATS_REQUEST).GetExtension(tl::record_string_stats_request);
+  for (auto& sample : *text.mutable_stats()) sample.clear_time();
+  EXPECT_EQ(text.ShortDebugString(), R"(stats { name: "kernel" job_id: 2 value: "line one\nline two\n" })");
+  EXPECT_EQ(agent.Count("long action stderr:"), 1u) << "one line for the one failing command";
 }
 
 }  // namespace
