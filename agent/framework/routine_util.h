@@ -76,7 +76,6 @@ class RoutineUtil {
   zelvar::StateMachine* StartFirstDue(NowFn now);
 
   const std::vector<routing_machine_t>& Routines() const { return m_vecRoutines; }
-  std::vector<routing_machine_t>& Routines() { return m_vecRoutines; }
 
  private:
   static bool IsDue(const routing_machine_t& routine, int64_t now);

@@ -28,8 +28,3 @@ const zelvar::ovita2::JobDescription* JobContainer::GetJobDefine(unsigned long k
   auto found = m_mapJobs.find(key);
   return found != m_mapJobs.end() ? &found->second : nullptr;
 }
-
-void JobContainer::Reset() {
-  m_mapJobs.clear();
-  m_mapObjectJobs.clear();
-}

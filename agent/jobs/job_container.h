@@ -50,10 +50,6 @@ class JobContainer {
   // The schedule; executors write last-run times back into it.
   ObjectJobs& GetObjectJobs() { return m_mapObjectJobs; }
 
-  // Empties both tables. For tests only: in the agent the catalogue lives as
-  // long as the process.
-  void Reset();
-
  private:
   std::map<uint64_t, zelvar::ovita2::JobDescription> m_mapJobs;
   ObjectJobs m_mapObjectJobs;

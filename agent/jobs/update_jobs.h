@@ -35,10 +35,6 @@ class UpdateJobsMachine : public BEVMachineUtil {
   // `data` is the reply envelope; released on every path.
   int Entry_WaitJobs(zelvar::event_key_t key, void* data);
 
-  static int32_t SlowCounter() { return s_iSlowCounter; }
-  // Back to the value of a fresh process. For tests only.
-  static void ResetSlowCounter() { s_iSlowCounter = 0; }
-
  private:
   static int32_t s_iSlowCounter;
 };

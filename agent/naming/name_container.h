@@ -58,16 +58,6 @@ class NameContainer {
   UpdateHook GetUpdateHook() const { return m_fnUpdateHook; }
   void SetUpdateHook(UpdateHook hook) { m_fnUpdateHook = hook; }
 
-  // Forgets every name, instance and content. Tests only: the product's
-  // name table is filled once and never shrinks, and no machine may be alive
-  // (an UpdateNamesMachine holds a cursor into the table).
-  void ResetForTesting() {
-    m_mapNames.clear();
-    m_mapNameValues.clear();
-    m_mapContents.clear();
-    m_fnUpdateHook = nullptr;
-  }
-
  private:
   std::map<std::string, std::string> m_mapNames;
   std::multimap<std::string, std::string> m_mapNameValues;

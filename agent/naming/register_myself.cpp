@@ -40,11 +40,6 @@ std::string SerializedAddress() {
 
 }  // namespace
 
-void RegisterMyselfMachine::ResetForTesting() {
-  m_bRegister = false;
-  m_sLock = {0, 0};
-}
-
 RegisterMyselfMachine::~RegisterMyselfMachine() {
   if (m_sLock.owner == GetMachineId()) m_sLock = {0, 0};
 }

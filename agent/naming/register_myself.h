@@ -39,10 +39,6 @@ class RegisterMyselfMachine : public BEVMachineUtil {
   static bool m_bRegister;
   static RegisterLock m_sLock;
 
-  // Back to "not registered, unlocked". Tests only: the flag and the lock
-  // live as long as the process.
-  static void ResetForTesting();
-
   ~RegisterMyselfMachine() override;
 
   unsigned StateMachineType() override { return kType; }

@@ -19,9 +19,3 @@ zelvar::ZKPluginHandle* ei_handle() {
   if (g_pRegistryHandle == nullptr) ovita2::HostLog(4, "handle of zookeeper not found");
   return g_pRegistryHandle;
 }
-
-namespace ovita2 {
-
-void ResetRegistryHandleForTesting() { g_pRegistryHandle = nullptr; }
-
-}  // namespace ovita2

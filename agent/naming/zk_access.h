@@ -15,11 +15,4 @@
 // has none to give.
 zelvar::ZKPluginHandle* ei_handle();
 
-namespace ovita2 {
-
-// Forgets the kept handle. Tests only: each test host hands out its own.
-void ResetRegistryHandleForTesting();
-
-}  // namespace ovita2
-
 #endif  // OVITA2_AGENT_NAMING_ZK_ACCESS_H

@@ -1,6 +1,20 @@
-// The agent's own test host, in a unit of its own: only programs that link the
-// agent pull it in, so the other plug-ins' tests use TestHost without it.
+// The agent's own test host and state reset, in a unit of their own: only
+// programs that link the agent pull them in.
+#include <new>
+
+#include "entry/ovita2_agent.h"
 #include "entry/so_entry.h"
+#include "framework/routine_util.h"
+#include "jobs/job_container.h"
+#include "jobs/update_jobs.h"
+#include "naming/name_container.h"
+#include "naming/register_myself.h"
+#include "naming/update_aggregation.h"
+#include "naming/update_task_queue.h"
+#include "pipeline/execute_hp_jobs.h"
+#include "pipeline/execute_jobs.h"
+#include "pipeline/second_phase.h"
+#include "pipeline/stats_queues.h"
 #include "test_host.h"
 
 namespace ovita2 {
@@ -14,9 +28,58 @@ PluginEntries AgentEntries() {
   entries.data_in = &OnDataIn;
   return entries;
 }
+
+// The singletons are rebuilt in place: their tables only ever grow.
+template <typename T>
+void Rebuild(T* object) {
+  object->~T();
+  new (object) T();
+}
+
+// The slow counter saturates at its skip count from any value, and the next
+// asked-for run (with no task queue known, so nothing is sent) wraps it to 0.
+void ResetSlowCounter() {
+  g_strTQIP.clear();
+  g_need_updatejobs = false;
+  for (int run = 0; run < UpdateJobsMachine::kSkippedRuns; ++run) UpdateJobsMachine().Entry_Init(zelvar::event_key_t{}, nullptr);
+  g_need_updatejobs = true;
+  UpdateJobsMachine().Entry_Init(zelvar::event_key_t{}, nullptr);
+  g_need_updatejobs = false;
+}
 }  // namespace
 
 TestHost::TestHost(unsigned defaultMachineTimeoutSec) : TestHost(AgentEntries(), defaultMachineTimeoutSec) {}
+
+void ResetAgentState() {
+  ResetSlowCounter();
+  g_strTQName.clear();
+  g_iTQPort = 0;
+  g_strAggrName.clear();
+  g_strAggrIP.clear();
+  g_iAggrPort = 0;
+  g_highprecision_frequency = kDefaultHighPrecisionFrequency;
+  ExecuteJobsMachine::m_bRunning = false;
+  ExecuteHpJobsMachine::m_bRunning = false;
+  SecondPhaseMachine::isRunning = false;
+  g_mapHpSecondInfo.clear();
+  RegisterMyselfMachine::m_bRegister = false;
+  RegisterMyselfMachine::m_sLock = {0, 0};
+  g_vecUpper.clear();
+  g_vecStringUpper.clear();
+  g_vecSecondInfo.clear();
+  Rebuild(JobContainer::Instance());
+  Rebuild(NameContainer::Instance());
+  // Every routine back to "never run", in registration order.
+  RoutineUtil fresh;
+  for (const routing_machine_t& routine : RoutineUtil::Instance()->Routines()) {
+    fresh.SetRouting(routine.creator, routine.interval, routine.once);
+  }
+  *RoutineUtil::Instance() = fresh;
+  fn_usr_OnInit = OnMyInit;
+  fn_usr_OnConnect = nullptr;
+  fn_usr_OnDisconnect = nullptr;
+  fn_usr_OnDataIn = nullptr;
+}
 
 }  // namespace testing
 }  // namespace ovita2

@@ -3,7 +3,6 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
-#include <utility>
 
 #include "test_host.h"
 
@@ -44,48 +43,22 @@ int FakeRegistry::Call(unsigned machineId, const char* command, ...) {
   va_end(args);
   registry.m_vecCalls.push_back(call);
   auto specific = registry.m_mapResults.find(call.command);
-  return specific != registry.m_mapResults.end() ? specific->second : registry.m_iResult;
+  return specific != registry.m_mapResults.end() ? specific->second : 0;
 }
 
-void FakeRegistry::Answer(const RegistryCall& call, std::unique_ptr<zelvar::ZKPluginResponse> response) {
-  TestHost::Current()->DeliverRecord(call.machine_id, response.release(), &zelvar::ZKPluginResponse::DropRecord);
-}
-
-void FakeRegistry::AnswerChildren(const RegistryCall& call,
-                                  const std::vector<std::pair<std::string, std::string>>& children) {
-  auto response = std::make_unique<zelvar::ZKPluginResponse>();
-  response->type = zelvar::ZKPluginResponse::T_KEYVALUES;
-  response->flags = zelvar::ZKPluginResponse::kHasStat | zelvar::ZKPluginResponse::kHasKeyValues;
-  response->stat.numChildren = static_cast<int32_t>(children.size());
+void FakeRegistry::Answer(const RegistryCall& call, int retcode,
+                          const std::vector<std::pair<std::string, std::string>>& children) {
+  auto* response = new zelvar::ZKPluginResponse();
+  response->retcode = retcode;
+  response->type = call.command == "listvalue" ? zelvar::ZKPluginResponse::T_KEYVALUES
+                                               : zelvar::ZKPluginResponse::T_STRING;
   for (const auto& child : children) {
     zelvar::ZKKeyValue keyvalue;
     keyvalue.key = child.first;
     keyvalue.value = child.second;
-    keyvalue.stat.dataLength = static_cast<int32_t>(child.second.size());
     response->keyvalues.push_back(keyvalue);
   }
-  Answer(call, std::move(response));
-}
-
-void FakeRegistry::AnswerOk(const RegistryCall& call) {
-  auto response = std::make_unique<zelvar::ZKPluginResponse>();
-  if (call.command == "get") {
-    response->type = zelvar::ZKPluginResponse::T_DATA;
-    response->flags = zelvar::ZKPluginResponse::kHasString | zelvar::ZKPluginResponse::kHasData |
-                      zelvar::ZKPluginResponse::kHasStat;
-  } else {
-    response->type = zelvar::ZKPluginResponse::T_STRING;
-    response->flags = zelvar::ZKPluginResponse::kHasString;
-    response->string = call.path;
-  }
-  Answer(call, std::move(response));
-}
-
-void FakeRegistry::AnswerError(const RegistryCall& call, int retcode, const std::string& message) {
-  auto response = std::make_unique<zelvar::ZKPluginResponse>();
-  response->retcode = retcode;
-  response->error_message = message;
-  Answer(call, std::move(response));
+  TestHost::Current()->DeliverRecord(call.machine_id, response, &zelvar::ZKPluginResponse::DropRecord);
 }
 
 }  // namespace testing

@@ -1,11 +1,11 @@
 #include "test_host.h"
 
 #include <event2/event.h>
-#include <unistd.h>
+#include <regex.h>
 
 #include <cstdarg>
+#include <algorithm>
 #include <cstdlib>
-#include <regex>
 
 #include "zelvar/machine_factory.h"
 #include "zelvar/message_pool.h"
@@ -16,170 +16,107 @@ namespace {
 
 TestHost* g_current = nullptr;
 
-template <typename Fn>
-zelvar::HostFunction AsSlot(Fn fn) {
-  return reinterpret_cast<zelvar::HostFunction>(fn);
-}
-
 void Unused() {}
 
 }  // namespace
-
-// The table's functions. They reach the host through Current(), as a plain
-// function pointer carries no object.
-struct TestHost::FakeSlots {
-  static TestHost& Host() { return *Current(); }
-
-  static bool IsReady() { return Host().m_bReady; }
-
-  static void Log(int level, const char* format, ...) {
-    va_list args;
-    va_start(args, format);
-    va_list again;
-    va_copy(again, args);
-    int length = std::vsnprintf(nullptr, 0, format, args);
-    std::string text(length > 0 ? static_cast<size_t>(length) : 0, '\0');
-    if (length > 0) std::vsnprintf(&text[0], text.size() + 1, format, again);
-    va_end(again);
-    va_end(args);
-    Host().m_vecLog.push_back({level, text});
-  }
-
-  static int GetLogLevel() { return Host().m_iLogLevel; }
-  static int GetLogFd() { return fileno(Host().m_pLogFile); }
-  static void SetRoutinePeriod(unsigned microseconds) { Host().m_uRoutinePeriod = microseconds; }
-
-  static const std::string* Find(const char* section, const char* key) {
-    auto& config = Host().m_mapConfig;
-    auto it = config.find(section != nullptr ? section : "");
-    if (it == config.end() || key == nullptr) return nullptr;
-    for (const auto& entry : it->second) {
-      if (entry.first == key) return &entry.second;
-    }
-    return nullptr;
-  }
-
-  static int GetConfigInt(const char* section, const char* key, int dflt) {
-    const std::string* value = Find(section, key);
-    return value != nullptr ? static_cast<int>(std::strtol(value->c_str(), nullptr, 10)) : dflt;
-  }
-
-  static const char* GetConfigString(const char* section, const char* key, const char* dflt) {
-    const std::string* value = Find(section, key);
-    if (value != nullptr) return value->c_str();
-    return dflt != nullptr ? dflt : "";
-  }
-
-  static void ListConfigKeys(const char* section, const char* pattern, std::vector<std::string>* out) {
-    auto& config = Host().m_mapConfig;
-    auto it = config.find(section != nullptr ? section : "");
-    if (it == config.end()) return;
-    std::regex matcher(pattern != nullptr ? pattern : "");
-    for (const auto& entry : it->second) {
-      if (std::regex_search(entry.first, matcher)) out->push_back(entry.first);
-    }
-  }
-
-  static const int64_t* GetNow() { return &Host().m_i64Now; }
-
-  static bufferevent* GetConnectionBev(uint64_t connA, uint64_t connB) {
-    TestPeer* peer = Host().FindOpen(connA, connB);
-    return peer != nullptr ? peer->AgentSide() : nullptr;
-  }
-
-  static int PostToMachine(zelvar::ZMessage* message, zelvar::StateMachine* target, unsigned) {
-    Host().PostMessage(target, message);
-    return 0;
-  }
-
-  static int StartLongAction(zelvar::LongActionMethod* action, unsigned machineId, unsigned flowNo) {
-    CapturedLongAction captured;
-    captured.name = action->Name();
-    captured.params = action->Params();
-    captured.machine_id = machineId;
-    captured.flow_no = flowNo;
-    Host().m_vecLongActions.push_back(captured);
-    return 0;
-  }
-
-  static int Aio(const char* kind, int fd, uint64_t size, uint64_t offset, unsigned machineId) {
-    Host().m_vecAio.push_back({kind, fd, size, offset, machineId});
-    return 0;
-  }
-  static int StartAioRead(int fd, uint64_t size, char*, uint64_t offset, unsigned machineId, zelvar::StateMachine*) {
-    return Aio("read", fd, size, offset, machineId);
-  }
-  static int StartAioWrite(int fd, uint64_t size, char*, uint64_t offset, unsigned machineId, zelvar::StateMachine*) {
-    return Aio("write", fd, size, offset, machineId);
-  }
-  static int StartAioFDSync(int fd, unsigned machineId) { return Aio("fdsync", fd, 0, 0, machineId); }
-
-  static zelvar::StateMachine* CreateMachineForMessage(unsigned messageType) {
-    return zelvar::MachineFactory::Instance()->CreateMachine(messageType);
-  }
-
-  static zelvar::ZMessage* AcquireMessage(int) { return zelvar::MessagePool::Instance()->Acquire(); }
-  static void ReleaseMessage(int, zelvar::ZMessage* message) { zelvar::MessagePool::Instance()->Release(message); }
-
-  static void* GetPluginHandle(const char* name) {
-    TestHost& host = Host();
-    if (!host.m_bRegistryAvailable || name == nullptr || std::string(name) != "zookeeper") return nullptr;
-    return host.m_cRegistry.PluginHandle();
-  }
-
-  static bufferevent* ConnectTo(const char* ip, unsigned short port, unsigned) {
-    TestHost& host = Host();
-    if (host.m_setRefused.count({ip, port}) != 0) return nullptr;
-    return host.Peer(ip, port).AgentSide();
-  }
-
-  static event_base* GetEventBase() { return Host().m_pBase; }
-
-  static int DeliverToMachine(unsigned machineId, void* record, void (*drop)(void*)) {
-    return Host().DeliverRecord(machineId, record, drop);
-  }
-};
 
 std::string CapturedLongAction::Param(const std::string& key) const {
   auto it = params.find(key);
   return it == params.end() ? std::string() : it->second;
 }
 
+const std::string* TestHost::FindConfig(const char* section, const char* key) const {
+  auto it = m_mapConfig.find(section != nullptr ? section : "");
+  if (it == m_mapConfig.end() || key == nullptr) return nullptr;
+  for (const auto& entry : it->second) {
+    if (entry.first == key) return &entry.second;
+  }
+  return nullptr;
+}
+
+void TestHost::Log(int, const char* format, ...) {
+  va_list args, again;
+  va_start(args, format);
+  va_copy(again, args);
+  std::string text(static_cast<size_t>(std::max(std::vsnprintf(nullptr, 0, format, args), 0)), '\0');
+  std::vsnprintf(&text[0], text.size() + 1, format, again);
+  va_end(again);
+  va_end(args);
+  Current()->m_vecLog.push_back(text);
+}
+
+// The slots reach the host through Current(): a plain function pointer
+// carries no object.
 TestHost::TestHost(const PluginEntries& plugin, unsigned defaultMachineTimeoutSec)
     : m_sPlugin(plugin),
       m_pBase(event_base_new()),
       m_pRuntime(new zelvar::MachineRuntime(&m_cClock, defaultMachineTimeoutSec)),
       m_pLogFile(std::tmpfile()) {
-  if (g_current != nullptr) {
-    std::fprintf(stderr, "TestHost: only one test host may live at a time\n");
-    std::abort();
-  }
+  if (g_current != nullptr) std::abort();  // one test host at a time
   g_current = this;
-  m_pRuntime->SetLogger([this](int, const std::string& line) { m_vecRuntimeLines.push_back(line); });
-
+  using zelvar::ZMessage;
   for (zelvar::HostFunction& slot : m_aTable) slot = &Unused;
-  m_aTable[zelvar::kSlotIsReady] = AsSlot(&FakeSlots::IsReady);
-  m_aTable[zelvar::kSlotLog] = AsSlot(&FakeSlots::Log);
-  m_aTable[zelvar::kSlotGetLogLevel] = AsSlot(&FakeSlots::GetLogLevel);
-  m_aTable[zelvar::kSlotGetLogFd] = AsSlot(&FakeSlots::GetLogFd);
-  m_aTable[zelvar::kSlotSetRoutinePeriod] = AsSlot(&FakeSlots::SetRoutinePeriod);
-  m_aTable[zelvar::kSlotGetConfigInt] = AsSlot(&FakeSlots::GetConfigInt);
-  m_aTable[zelvar::kSlotGetConfigString] = AsSlot(&FakeSlots::GetConfigString);
-  m_aTable[zelvar::kSlotListConfigKeys] = AsSlot(&FakeSlots::ListConfigKeys);
-  m_aTable[zelvar::kSlotGetNow] = AsSlot(&FakeSlots::GetNow);
-  m_aTable[zelvar::kSlotGetConnectionBev] = AsSlot(&FakeSlots::GetConnectionBev);
-  m_aTable[zelvar::kSlotPostToMachine] = AsSlot(&FakeSlots::PostToMachine);
-  m_aTable[zelvar::kSlotStartLongAction] = AsSlot(&FakeSlots::StartLongAction);
-  m_aTable[zelvar::kSlotStartAioRead] = AsSlot(&FakeSlots::StartAioRead);
-  m_aTable[zelvar::kSlotStartAioWrite] = AsSlot(&FakeSlots::StartAioWrite);
-  m_aTable[zelvar::kSlotStartAioFDSync] = AsSlot(&FakeSlots::StartAioFDSync);
-  m_aTable[zelvar::kSlotCreateMachineForMessage] = AsSlot(&FakeSlots::CreateMachineForMessage);
-  m_aTable[zelvar::kSlotAcquireMessage] = AsSlot(&FakeSlots::AcquireMessage);
-  m_aTable[zelvar::kSlotReleaseMessage] = AsSlot(&FakeSlots::ReleaseMessage);
-  m_aTable[zelvar::kSlotGetPluginHandle] = AsSlot(&FakeSlots::GetPluginHandle);
-  m_aTable[zelvar::kSlotConnectTo] = AsSlot(&FakeSlots::ConnectTo);
-  m_aTable[zelvar::kSlotGetEventBase] = AsSlot(&FakeSlots::GetEventBase);
-  m_aTable[zelvar::kSlotDeliverToMachine] = AsSlot(&FakeSlots::DeliverToMachine);
+  Set(zelvar::kSlotIsReady, +[] { return Current()->m_bReady; });
+  Set(zelvar::kSlotLog, &TestHost::Log);
+  Set(zelvar::kSlotGetLogLevel, +[] { return Current()->m_iLogLevel; });
+  Set(zelvar::kSlotGetLogFd, +[] { return fileno(Current()->m_pLogFile); });
+  Set(zelvar::kSlotSetRoutinePeriod, +[](unsigned microseconds) { Current()->m_uRoutinePeriod = microseconds; });
+  Set(zelvar::kSlotGetConfigInt, +[](const char* section, const char* key, int dflt) {
+    const std::string* value = Current()->FindConfig(section, key);
+    return value != nullptr ? static_cast<int>(std::strtol(value->c_str(), nullptr, 10)) : dflt;
+  });
+  Set(zelvar::kSlotGetConfigString, +[](const char* section, const char* key, const char* dflt) {
+    const std::string* value = Current()->FindConfig(section, key);
+    return value != nullptr ? value->c_str() : dflt != nullptr ? dflt : "";
+  });
+  Set(zelvar::kSlotListConfigKeys, +[](const char* section, const char* pattern, std::vector<std::string>* out) {
+    // Matched as zelvar-host does: POSIX extended, anywhere in the key.
+    TestHost& host = *Current();
+    host.m_strKeyPattern = pattern;
+    auto it = host.m_mapConfig.find(section);
+    regex_t compiled;
+    if (it == host.m_mapConfig.end() || regcomp(&compiled, pattern, REG_EXTENDED | REG_NOSUB) != 0) return;
+    for (const auto& entry : it->second) {
+      if (regexec(&compiled, entry.first.c_str(), 0, nullptr, 0) == 0) out->push_back(entry.first);
+    }
+    regfree(&compiled);
+  });
+  Set(zelvar::kSlotGetNow, +[] { return static_cast<const int64_t*>(&Current()->m_i64Now); });
+  Set(zelvar::kSlotGetConnectionBev, +[](uint64_t connA, uint64_t connB) {
+    TestPeer* peer = Current()->FindOpen(connA, connB);
+    return peer != nullptr ? peer->AgentSide() : nullptr;
+  });
+  Set(zelvar::kSlotPostToMachine, +[](ZMessage* message, zelvar::StateMachine* target, unsigned id) {
+    Current()->m_uLastPostedId = id;
+    Current()->PostMessage(target, message);
+    return 0;
+  });
+  Set(zelvar::kSlotStartLongAction, +[](zelvar::LongActionMethod* action, unsigned machineId, unsigned flowNo) {
+    Current()->m_vecLongActions.push_back({action->Name(), action->Params(), machineId, flowNo, false});
+    return 0;
+  });
+  Set(zelvar::kSlotCreateMachineForMessage,
+      +[](unsigned type) { return zelvar::MachineFactory::Instance()->CreateMachine(type); });
+  Set(zelvar::kSlotAcquireMessage, +[](int) {
+    ZMessage* message = zelvar::MessagePool::Instance()->Acquire();
+    Current()->m_mapReleases[message] = 0;
+    return message;
+  });
+  Set(zelvar::kSlotReleaseMessage, +[](int, ZMessage* message) {
+    ++Current()->m_mapReleases[message];
+    zelvar::MessagePool::Instance()->Release(message);
+  });
+  Set(zelvar::kSlotGetPluginHandle, +[](const char* name) {
+    TestHost& host = *Current();
+    bool registry = host.m_bRegistryAvailable && name != nullptr && std::string(name) == "zookeeper";
+    return registry ? host.m_cRegistry.PluginHandle() : nullptr;
+  });
+  Set(zelvar::kSlotConnectTo,
+      +[](const char* ip, unsigned short port, unsigned) { return Current()->Peer(ip, port).AgentSide(); });
+  Set(zelvar::kSlotGetEventBase, +[] { return Current()->m_pBase; });
+  Set(zelvar::kSlotDeliverToMachine, +[](unsigned machineId, void* record, void (*drop)(void*)) {
+    return Current()->DeliverRecord(machineId, record, drop);
+  });
   InstallTable();
 }
 
@@ -193,10 +130,7 @@ TestHost::~TestHost() {
 }
 
 TestHost* TestHost::Current() {
-  if (g_current == nullptr) {
-    std::fprintf(stderr, "TestHost: the agent called the host while no test host lives\n");
-    std::abort();
-  }
+  if (g_current == nullptr) std::abort();  // the plug-in called a host that is gone
   return g_current;
 }
 
@@ -216,39 +150,13 @@ void TestHost::AdvanceClock(int64_t seconds) {
   m_pRuntime->FireTimeouts();
 }
 
-std::vector<std::string> TestHost::LogLines() const {
-  std::vector<std::string> lines;
-  for (const LogLine& line : m_vecLog) lines.push_back(line.text);
-  return lines;
-}
-
-std::vector<std::string> TestHost::LogLinesAt(int level) const {
-  std::vector<std::string> lines;
-  for (const LogLine& line : m_vecLog) {
-    if (line.level == level) lines.push_back(line.text);
-  }
-  return lines;
-}
-
 bool TestHost::Logged(const std::string& text) const {
-  for (const LogLine& line : m_vecLog) {
-    if (line.text == text) return true;
-  }
-  return false;
+  return std::find(m_vecLog.begin(), m_vecLog.end(), text) != m_vecLog.end();
 }
 
-std::string TestHost::LogFdText() const {
-  std::fflush(m_pLogFile);
-  int fd = fileno(m_pLogFile);
-  std::string text;
-  char chunk[4096];
-  off_t offset = 0;
-  ssize_t got;
-  while ((got = pread(fd, chunk, sizeof(chunk), offset)) > 0) {
-    text.append(chunk, static_cast<size_t>(got));
-    offset += got;
-  }
-  return text;
+int TestHost::Releases(const zelvar::ZMessage* message) const {
+  auto found = m_mapReleases.find(message);
+  return found != m_mapReleases.end() ? found->second : 0;
 }
 
 void TestHost::SetConfig(const std::string& section, const std::string& key, const std::string& value) {
@@ -303,14 +211,6 @@ TestPeer& TestHost::Peer(const std::string& ip, uint16_t port) {
 
 TestPeer& TestHost::Accept(const std::string& ip, uint16_t port) { return NewPeer(ip, port, false); }
 
-std::vector<TestPeer*> TestHost::OutboundPeers() const {
-  std::vector<TestPeer*> peers;
-  for (size_t i = 0; i < m_vecPeers.size(); ++i) {
-    if (m_vecOutbound[i] && m_vecPeers[i]->IsOpen()) peers.push_back(m_vecPeers[i].get());
-  }
-  return peers;
-}
-
 TestPeer* TestHost::FindOpen(uint64_t connA, uint64_t connB) const {
   for (const auto& peer : m_vecPeers) {
     if (peer->IsOpen() && peer->ConnA() == connA && peer->ConnB() == connB) return peer.get();
@@ -325,7 +225,9 @@ int TestHost::Route(TestPeer& peer) {
     zelvar::ZMessage* message = nullptr;
     zelvar::StateMachine* machine = nullptr;
     result = m_sPlugin.data_in(peer.ConnA(), peer.ConnB(), &message, &machine);
-    if (result == 0) PostMessage(machine, message);
+    if (result != 0) break;
+    m_pLastRouted = message;
+    PostMessage(machine, message);
   } while (result == 0);
   return result;
 }

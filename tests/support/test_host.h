@@ -1,40 +1,12 @@
-// TestHost: the host of the agent's tests. It fills the 44-slot host table
-// with fakes and hands it to the agent through OnPeekInterface, as
-// zelvar-host does, and runs the agent's machines for real on a
-// zelvar::MachineRuntime with a clock the test sets.
-//
-//   TestHost host;                              // table installed, log empty
-//   host.SetConfig("names", "MASTER", "/zelvar/master");
-//   OnInit(nullptr);
-//   host.RunRoutine();                          // OnRoutine, then the machine starts
-//   zelvar::ZMessage request;
-//   ASSERT_TRUE(host.Peer("10.0.0.1", 9000).ReadFrame(&request));
-//   host.Peer("10.0.0.1", 9000).Send(reply);    // OnDataIn routes it
-//   host.RunPending();                          // the machine handles it
-//   EXPECT_EQ(host.LogLines().back(), "machine:X(7)|state:Entry_Wait|...");
-//
-// What the fakes do:
-//   Log            formats printf-style and keeps the text (every call, the
-//                  threshold is the agent's business); LogLines()
-//   GetLogLevel    SetLogLevel (1 at start: everything is written)
-//   GetLogFd       a temporary file; LogFdText()
-//   GetNow         Now(), SetNow(), AdvanceClock() (which fires timeouts)
-//   config         SetConfig(); an absent key gives "" (or the default)
-//   ConnectTo      Peer(ip, port), created on first use; RefuseConnectTo()
-//   GetConnectionBev  any open peer by its (connA, connB); Accept() makes an
-//                  inbound one
-//   StartLongAction   captured (LongActions()); CompleteLongAction() answers
-//   StartAio*      captured (AioRequests()), never completed
-//   PostToMachine, CreateMachineForMessage, AcquireMessage, ReleaseMessage,
-//   DeliverToMachine  the real runtime, factory and envelope pool
-//   GetPluginHandle   "zookeeper" gives Registry()'s handle
-// Every other slot holds a harmless function.
-//
-// Deliveries (messages, completions, registry answers) are queued, as on the
-// real host's loop, and run at the next RunPending().
-//
-// One TestHost at a time (the table's functions find it through Current());
-// test thread only.
+// TestHost: a fake of zelvar-host's 44-slot table over the real libmessage
+// runtime, with a clock the test sets. It hands the table to its plug-in (the
+// agent by default) as zelvar-host does. Log keeps every line (the threshold
+// is the plug-in's business); config comes from SetConfig ("" when absent);
+// ConnectTo and GetConnectionBev give TestPeers; long actions are captured; PostToMachine, CreateMachineForMessage and DeliverToMachine queue
+// on the runtime until RunPending(); AcquireMessage/ReleaseMessage use the
+// real pool and count releases per envelope; GetPluginHandle("zookeeper")
+// gives Registry(). Other slots hold a harmless function.
+// One TestHost at a time (the slots find it through Current()); test thread only.
 #ifndef OVITA2_TESTS_SUPPORT_TEST_HOST_H
 #define OVITA2_TESTS_SUPPORT_TEST_HOST_H
 
@@ -42,7 +14,6 @@
 #include <cstdio>
 #include <map>
 #include <memory>
-#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -56,11 +27,6 @@
 namespace ovita2 {
 namespace testing {
 
-struct LogLine {
-  int level;
-  std::string text;
-};
-
 struct CapturedLongAction {
   std::string name;
   zelvar::ParamMap params;
@@ -70,14 +36,6 @@ struct CapturedLongAction {
 
   // The first value of `key`, or "".
   std::string Param(const std::string& key) const;
-};
-
-struct AioRequest {
-  std::string kind;  // "read", "write", "fdsync"
-  int fd = -1;
-  uint64_t size = 0;
-  uint64_t offset = 0;
-  uint32_t machine_id = 0;
 };
 
 // The entry points of the plug-in a TestHost drives; any may be null.
@@ -96,6 +54,10 @@ struct StartedMachine {
   explicit operator bool() const { return id != 0; }
 };
 
+// Puts the agent's process-wide state (globals, containers, counters, flags)
+// back as a fresh process has it. Defined with the agent's test host.
+void ResetAgentState();
+
 class TestHost {
  public:
   static constexpr int64_t kStartTime = 1700000000;  // seconds since the epoch
@@ -113,38 +75,28 @@ class TestHost {
   // The live test host; aborts the test program when there is none.
   static TestHost* Current();
 
-  // --- the table ---------------------------------------------------------------
   zelvar::HostFunction* Table() { return m_aTable; }
   // Empties a slot and hands the table over again.
   void ClearSlot(zelvar::HostSlot slot);
 
-  // --- clock ----------------------------------------------------------------------
   int64_t Now() const { return m_i64Now; }
   void SetNow(int64_t seconds) { m_i64Now = seconds; }
   // Moves the clock on and fires the machine timeouts that fell due.
   void AdvanceClock(int64_t seconds);
 
-  // --- log ------------------------------------------------------------------------
   void SetLogLevel(int threshold) { m_iLogLevel = threshold; }
   int LogLevel() const { return m_iLogLevel; }
-  std::vector<std::string> LogLines() const;
-  // Lines written at exactly `level`.
-  std::vector<std::string> LogLinesAt(int level) const;
-  const std::vector<LogLine>& LogEntries() const { return m_vecLog; }
+  const std::vector<std::string>& LogLines() const { return m_vecLog; }
   bool Logged(const std::string& text) const;
   void ClearLog() { m_vecLog.clear(); }
-  // What was written to the log descriptor (GetLogFd).
-  std::string LogFdText() const;
-  // The runtime's own lines (a handler's odd result, a failed machine).
-  const std::vector<std::string>& RuntimeLines() const { return m_vecRuntimeLines; }
 
-  // --- configuration and readiness --------------------------------------------------
   void SetConfig(const std::string& section, const std::string& key, const std::string& value);
+  // The pattern of the last ListConfigKeys.
+  const std::string& KeyPattern() const { return m_strKeyPattern; }
   // The last period asked with SetRoutinePeriod, 0 before.
   unsigned RoutinePeriod() const { return m_uRoutinePeriod; }
   void SetReady(bool ready) { m_bReady = ready; }
 
-  // --- machines ----------------------------------------------------------------------
   zelvar::MachineRuntime& Runtime() { return *m_pRuntime; }
   // OnRoutine; the machine it returns (if any) starts at once.
   StartedMachine RunRoutine();
@@ -158,26 +110,25 @@ class TestHost {
   // Queues a plug-in record for a live machine; `drop` frees it otherwise.
   int DeliverRecord(uint32_t machineId, void* record, void (*drop)(void*));
 
-  // --- connections ---------------------------------------------------------------------
+  // ReleaseMessage calls for `message` since the pool last handed it out.
+  int Releases(const zelvar::ZMessage* message) const;
+  // The id argument of the last PostToMachine.
+  unsigned LastPostedId() const { return m_uLastPostedId; }
+  // The envelope OnDataIn routed last.
+  const zelvar::ZMessage* LastRouted() const { return m_pLastRouted; }
+
   // The open outbound connection to ip:port, made on first use.
   TestPeer& Peer(const std::string& ip, uint16_t port);
   // A new inbound connection from ip:port.
   TestPeer& Accept(const std::string& ip, uint16_t port);
-  // ConnectTo to ip:port fails from now on.
-  void RefuseConnectTo(const std::string& ip, uint16_t port) { m_setRefused.insert({ip, port}); }
   // OnDataIn on the peer's connection until a call routes nothing; every
   // routed envelope is queued for its machine. Returns the last result.
   int Route(TestPeer& peer);
-  // Open peers made by ConnectTo, oldest first.
-  std::vector<TestPeer*> OutboundPeers() const;
 
-  // --- long actions and AIO ------------------------------------------------------------------
   const std::vector<CapturedLongAction>& LongActions() const { return m_vecLongActions; }
   // Delivers the completion of the action handed over under `flowNo`.
   void CompleteLongAction(uint32_t flowNo, const std::string& output, const std::string& error, int64_t status);
-  const std::vector<AioRequest>& AioRequests() const { return m_vecAio; }
 
-  // --- registry plug-in ---------------------------------------------------------------------
   FakeRegistry& Registry() { return m_cRegistry; }
   // false: GetPluginHandle("zookeeper") gives null.
   void SetRegistryAvailable(bool available) { m_bRegistryAvailable = available; }
@@ -192,8 +143,12 @@ class TestHost {
     const int64_t* m_pSeconds;
   };
 
-  struct FakeSlots;
-  friend struct FakeSlots;
+  template <typename Fn>
+  void Set(zelvar::HostSlot slot, Fn fn) {
+    m_aTable[slot] = reinterpret_cast<zelvar::HostFunction>(fn);
+  }
+  const std::string* FindConfig(const char* section, const char* key) const;
+  static void Log(int level, const char* format, ...);
 
   void InstallTable();
   TestPeer& NewPeer(const std::string& ip, uint16_t port, bool outbound);
@@ -207,9 +162,12 @@ class TestHost {
   std::unique_ptr<zelvar::MachineRuntime> m_pRuntime;
 
   int m_iLogLevel = 1;
-  std::vector<LogLine> m_vecLog;
-  std::vector<std::string> m_vecRuntimeLines;
+  std::vector<std::string> m_vecLog;
   std::FILE* m_pLogFile;
+  std::map<const zelvar::ZMessage*, int> m_mapReleases;
+  const zelvar::ZMessage* m_pLastRouted = nullptr;
+  unsigned m_uLastPostedId = 0;
+  std::string m_strKeyPattern;
 
   std::map<std::string, std::vector<std::pair<std::string, std::string>>> m_mapConfig;
   unsigned m_uRoutinePeriod = 0;
@@ -217,11 +175,9 @@ class TestHost {
 
   std::vector<std::unique_ptr<TestPeer>> m_vecPeers;
   std::vector<bool> m_vecOutbound;
-  std::set<std::pair<std::string, uint16_t>> m_setRefused;
   uint64_t m_u64NextConn = 1;
 
   std::vector<CapturedLongAction> m_vecLongActions;
-  std::vector<AioRequest> m_vecAio;
 
   FakeRegistry m_cRegistry;
   bool m_bRegistryAvailable = true;

@@ -8,8 +8,11 @@
 #include <string>
 #include <vector>
 
-#include "agent_state.h"
+#include "agent_test.h"
+#include "entry/ovita2_agent.h"
+#include "jobs/job_container.h"
 #include "liveness/heart_beat.h"
+#include "naming/update_task_queue.h"
 #include "pipeline/execute_hp_jobs.h"
 #include "pipeline/second_phase.h"
 
@@ -18,8 +21,6 @@ zelvar::StateMachine* SecondPhaseCreateMySelf();
 zelvar::StateMachine* HeartBeatCreateMySelf();
 
 namespace {
-
-using ovita2::testing::TestHost;
 
 zelvar::ovita2::JobDescription Job(uint32_t interval, uint32_t secondPhase, uint32_t period = 0) {
   zelvar::ovita2::JobDescription job;
@@ -46,10 +47,8 @@ void Install(const zelvar::ovita2::JobDescription& job, std::vector<uint32_t> ob
   JobContainer::Instance()->UpdateJobs(response);
 }
 
-class PipelineFollowUp : public ::testing::Test {
+class PipelineFollowUp : public ovita2::testing::AgentTest {
  protected:
-  PipelineFollowUp() { ovita2::testing::ResetAgentState(); }
-
   // One pass of the fast executor whose single command prints `output`.
   void RunFastPass(const std::string& output) {
     size_t before = host_.LongActions().size();
@@ -60,8 +59,6 @@ class PipelineFollowUp : public ::testing::Test {
     EXPECT_FALSE(host_.IsAlive(id));
     host_.AdvanceClock(5);
   }
-
-  TestHost host_;
 };
 
 TEST_F(PipelineFollowUp, FastJobsAreRunHereOnlyAndAlwaysGiveNumbers) {
@@ -178,7 +175,8 @@ TEST_F(PipelineFollowUp, HeartbeatReportsTheObjectCountAndSteersTheJobFetch) {
   host_.SetConfig("common", "agentname", "web-01");
   g_need_updatejobs = false;
   host_.Start(HeartBeatCreateMySelf());
-  EXPECT_TRUE(host_.OutboundPeers().empty()) << "no task queue known yet";
+  zelvar::ZMessage unsent;
+  EXPECT_FALSE(host_.Peer("", 0).ReadFrame(&unsent)) << "no task queue known yet";
   EXPECT_FALSE(g_need_updatejobs);
 
   g_strTQIP = "10.0.0.5";

@@ -1,0 +1,185 @@
+// The entry points the host calls: framing and routing of inbound envelopes,
+// the hooks, the agent's own initialisation and the routine list.
+#include <event2/buffer.h>
+#include <event2/bufferevent.h>
+
+#include <functional>
+
+#include "agent_test.h"
+#include "entry/ovita2_agent.h"
+#include "entry/so_entry.h"
+#include "framework/bev_machine_util.h"
+#include "framework/host_api.h"
+#include "framework/machine_registration.h"
+#include "framework/routine_util.h"
+
+int EchoMachine::Entry_Init(zelvar::event_key_t, void* data) {
+  auto release = ovita2::HostFn<zelvar::ReleaseMessageFn>(zelvar::kSlotReleaseMessage);
+  if (data != nullptr) release(0, static_cast<zelvar::ZMessage*>(data));
+  return zelvar::kKeepMachine;
+}
+OVITA2_MACHINE_CREATORS(Echo)
+OVITA2_MACHINE_STATE(Echo, Init)
+static const ovita2::MachineRegistration kEcho =
+    ovita2::MachineRegistration(EchoMachine::kType, EchoCreateMySelf, EchoCreateMySelfByAddr)
+        .State(-1, EchoMachineEntry_Init, "Entry_Init");
+
+namespace ovita2 {
+namespace testing {
+namespace {
+
+using Entry = AgentTest;
+
+std::string Prefixed(uint32_t length, const std::string& body) {
+  unsigned char prefix[zelvar::kFramePrefixSize];
+  zelvar::PutFramePrefix(length, prefix);
+  return std::string(reinterpret_cast<char*>(prefix), sizeof(prefix)) + body;
+}
+
+int DataIn(TestPeer& peer, zelvar::ZMessage** message, zelvar::StateMachine** machine) {
+  return OnDataIn(peer.ConnA(), peer.ConnB(), message, machine);
+}
+
+size_t Buffered(TestPeer& peer) { return evbuffer_get_length(bufferevent_get_input(peer.AgentSide())); }
+
+TEST_F(Entry, FrameLengthNearTheTopOfTheRangeIsNeverComplete) {
+  for (uint32_t length : {0xFFFFFFFFu, 0xFFFFFFFDu, 0xFFFFFFFCu}) {
+    TestPeer& peer = host_.Accept("10.0.0.5", 7000);
+    peer.WriteRaw(Prefixed(length, std::string(12, '\0')));
+    zelvar::ZMessage* message = nullptr;
+    zelvar::StateMachine* machine = nullptr;
+    EXPECT_EQ(DataIn(peer, &message, &machine), kDataInNeedMore) << std::hex << length;
+    EXPECT_EQ(Buffered(peer), 16u) << "nothing is consumed";
+  }
+}
+
+TEST_F(Entry, EachFrameGoesToTheMachineItNamesOrServesItsType) {
+  auto* waiting = new EchoMachine();
+  uint32_t waitingId = host_.Start(waiting).id;
+  auto reply = [](uint32_t dst, uint32_t owner) {
+    zelvar::ZMessage message;
+    message.mutable_head()->set_message_type(77);
+    message.mutable_head()->set_kind(zelvar::kKindResponse);
+    message.mutable_head()->set_dst_machine_id(dst);
+    message.mutable_head()->set_owner_machine_id(owner);
+    message.mutable_head()->set_session(std::string(300000, 's'));  // spans several buffer blocks
+    return message;
+  };
+  zelvar::ZMessage request;
+  zelvar::NewMessage(&request, 5, "session-1", EchoMachine::kType, 0, false, 0, 0, nullptr, nullptr, nullptr);
+  struct Case {
+    zelvar::ZMessage message;
+    int result;
+    bool toWaiting;
+  };
+  const Case cases[] = {{reply(waitingId, 0), kDataInRouted, true},
+                        {reply(0, waitingId), kDataInRouted, true},
+                        {reply(waitingId + 1000, 0), kDataInError, false},
+                        {request, kDataInRouted, false}};
+  for (const Case& c : cases) {
+    TestPeer& peer = host_.Accept("10.0.0.5", 7000);
+    std::string next(static_cast<size_t>(&c - cases), '\x01');  // the start of a next frame stays
+    peer.WriteRaw(Frame(c.message) + next);
+    zelvar::ZMessage* message = nullptr;
+    zelvar::StateMachine* machine = nullptr;
+    ASSERT_EQ(DataIn(peer, &message, &machine), c.result);
+    EXPECT_EQ(Buffered(peer), next.size());
+    if (c.result != kDataInRouted) continue;
+    EXPECT_EQ(message->SerializeAsString(), c.message.SerializeAsString());
+    EXPECT_EQ(machine == waiting, c.toWaiting);
+    if (!c.toWaiting) {
+      auto* served = dynamic_cast<EchoMachine*>(machine);
+      ASSERT_NE(served, nullptr);
+      EXPECT_EQ(served->ReplyConnA(), peer.ConnA());
+      EXPECT_EQ(served->ReplyConnB(), peer.ConnB());
+      host_.Start(served);
+    }
+    host_.PostMessage(machine, message);
+    host_.RunPending();
+  }
+  TestPeer& broken = host_.Accept("10.0.0.5", 7000);
+  broken.WriteRaw(Prefixed(3, "\xff\xff\xff"));
+  EXPECT_EQ(host_.Route(broken), kDataInError);
+  broken.Close();
+  EXPECT_EQ(host_.Route(broken), kDataInError) << "a connection the host no longer knows";
+}
+
+int g_hookCalls = 0;
+int HookInit(void*) { return ++g_hookCalls, 7; }
+int HookConn(uint64_t a, uint64_t b) { return ++g_hookCalls, static_cast<int>(a * 10 + b); }
+
+TEST_F(Entry, AHookReplacesItsEntryPointUnlessItIsTheEntryPointItself) {
+  struct Case {
+    const char* line;
+    std::function<void(bool self)> setHook;
+    std::function<int()> call;
+    int hookResult;
+  };
+  const Case cases[] = {
+      {"OnInit entry", [](bool self) { fn_usr_OnInit = self ? &OnInit : &HookInit; },
+       [] { return OnInit(nullptr); }, 7},
+      {"OnConnect entry", [](bool self) { fn_usr_OnConnect = self ? &OnConnect : &HookConn; },
+       [] { return OnConnect(3, 4); }, 34},
+      {"OnDisconnect entry", [](bool self) { fn_usr_OnDisconnect = self ? &OnDisconnect : &HookConn; },
+       [] { return OnDisconnect(5, 6); }, 56},
+  };
+  for (const Case& c : cases) {
+    for (bool self : {false, true}) {
+      c.setHook(self);
+      g_hookCalls = 0;
+      host_.ClearLog();
+      EXPECT_EQ(c.call(), self ? 0 : c.hookResult) << c.line;
+      EXPECT_EQ(g_hookCalls, self ? 0 : 1) << c.line;
+      EXPECT_EQ(host_.Logged(c.line), self) << c.line;
+    }
+  }
+}
+
+TEST_F(Entry, InitDefinesEveryConfiguredNameAndReadsTheHighPrecisionFrequency) {
+  host_.SetConfig("names", "MASTER", "/zelvar/master");
+  host_.SetConfig("names", "x.y-1", "/zelvar/x");
+  host_.SetConfig("names", "EMPTY", "");
+  const std::pair<const char*, uint32_t> frequencies[] = {
+      {"", 60}, {"0", 60}, {"30", 30}, {"abc", 60}, {"4294967296", 60}, {"4294967297", 1}};
+  for (const auto& frequency : frequencies) {
+    host_.SetConfig("common", "highprecision_frequency", frequency.first);
+    g_need_updatejobs = false;
+    EXPECT_EQ(OnInit(nullptr), 0);
+    EXPECT_EQ(g_highprecision_frequency, frequency.second) << frequency.first;
+  }
+  EXPECT_TRUE(g_need_updatejobs);
+  EXPECT_EQ(host_.RoutinePeriod(), 1000000u);
+  EXPECT_EQ(host_.KeyPattern(), ".+") << "every key of the section, whatever its name";
+  const std::map<std::string, std::string> defined = {{"MASTER", "/zelvar/master"}, {"x.y-1", "/zelvar/x"}};
+  EXPECT_EQ(NameContainer::Instance()->Names(), defined);
+}
+
+int g_created = 0;
+zelvar::StateMachine* Count() { return ++g_created, nullptr; }
+zelvar::StateMachine* CountTen() { return g_created += 10, nullptr; }
+
+TEST(Routines, TheFirstDueRoutineStartsAndEachKeepsItsInterval) {
+  RoutineUtil routines;
+  routines.SetRouting(&Count, 10, false);
+  routines.SetRouting(&CountTen, 5, true);
+  int64_t now = 1000;
+  auto tick = [&] {
+    g_created = 0;
+    routines.StartFirstDue([&] { return now; });
+    return g_created;
+  };
+  EXPECT_EQ(tick(), 1) << "the earlier entry wins";
+  EXPECT_EQ(tick(), 10);
+  EXPECT_EQ(tick(), 0) << "nothing due";
+  now += 10;
+  EXPECT_EQ(tick(), 1);
+  EXPECT_EQ(tick(), 0) << "a once-routine never runs again";
+  now -= 100;  // a clock that went backwards waits a whole interval past the last start
+  EXPECT_EQ(tick(), 0);
+  now += 110;
+  EXPECT_EQ(tick(), 1);
+}
+
+}  // namespace
+}  // namespace testing
+}  // namespace ovita2

@@ -1,0 +1,83 @@
+// The machines' common vocabulary: sends inside the process and back over a
+// connection, flow numbers, and the database request.
+#include <tuple>
+
+#include "agent_test.h"
+#include "framework/bev_machine_util.h"
+#include "framework/host_api.h"
+#include "zelvar/dorvan.pb.h"
+#include "zelvar/machine_pool.h"
+
+namespace ovita2 {
+namespace testing {
+namespace {
+
+using Framework = AgentTest;
+
+TEST_F(Framework, InternalSendsPostACopyToTheRightMachine) {
+  EchoMachine sender;
+  EchoMachine& receiver = *new EchoMachine();  // the runtime takes it over with the message
+  zelvar::ZMessage message;
+  message.mutable_head()->set_message_type(4243199);
+  EXPECT_EQ(sender.SendInternalResponse(message, 0, receiver.GetMachineId()), 0);
+  EXPECT_EQ(host_.LastPostedId(), receiver.GetMachineId());
+  EXPECT_EQ(sender.SendInternalResponse(message, 0, receiver.GetMachineId() + 1000), -1);
+  EXPECT_EQ(sender.SendInternalRequest(message), -1) << "no machine serves the type";
+  message.mutable_head()->set_message_type(EchoMachine::kType);
+  EXPECT_EQ(sender.SendInternalRequest(message), 0);
+  EXPECT_EQ(host_.LastPostedId(), zelvar::kNoMachineId) << "a new machine is named by its pointer only";
+  host_.RunPending();
+}
+
+TEST_F(Framework, ResponseGoesToTheRequesterElseBackOverTheConnection) {
+  EchoMachine machine;
+  EchoMachine& requester = *new EchoMachine();  // the runtime takes it over with the message
+  TestPeer& peer = host_.Accept("10.0.0.5", 7000);
+  machine.SetReplyConnection(peer.ConnA(), peer.ConnB());
+  zelvar::ZMessage message;
+  message.mutable_head()->set_flow_no(42);
+  EXPECT_EQ(machine.SendResponse(message), 0);
+  zelvar::ZMessage sent;
+  ASSERT_TRUE(peer.ReadFrame(&sent));
+  EXPECT_EQ(sent.head().flow_no(), 42u);
+  machine.SetRequesterId(requester.GetMachineId());
+  EXPECT_EQ(machine.SendResponse(message), 0);
+  EXPECT_EQ(host_.LastPostedId(), requester.GetMachineId());
+  EXPECT_EQ(peer.PendingBytes(), 0u);
+  peer.Close();
+  machine.SetRequesterId(zelvar::kNoMachineId);
+  EXPECT_EQ(machine.SendResponse(message), -1);
+  host_.RunPending();
+}
+
+TEST_F(Framework, LinesAreWrittenFromTheHostsThresholdUp) {
+  host_.SetLogLevel(2);
+  EchoMachine machine;
+  HostLog(1, "hidden %d", 1);
+  MachineLog(2, &machine, "shown %d", 2);
+  const std::vector<std::string> expected = {
+      "machine:EchoMachine(" + std::to_string(machine.GetMachineId()) + ")|state:Entry_Init|shown 2"};
+  EXPECT_EQ(host_.LogLines(), expected);
+}
+
+TEST_F(Framework, SqlRequestCarriesTheWholeTextAndTheFlagTurnedRound) {
+  EchoMachine machine;
+  std::string longText(200000, 'x');  // past one block of the output stream
+  unsigned first = machine.SendSql("10.2.0.1", 9500, "stats", 1, "select '%s' -- %d", longText.c_str(), 7);
+  unsigned second = machine.SendSql("10.2.0.1", 9500, "stats", 0, "%s", "short");
+  EXPECT_EQ(second, first + 1);
+  zelvar::ZMessage sent;
+  const std::string longSql = "select '" + longText + "' -- 7";
+  for (auto expected : {std::make_tuple(first, 0u, longSql), std::make_tuple(second, 1u, std::string("short"))}) {
+    ASSERT_TRUE(host_.Peer("10.2.0.1", 9500).ReadFrame(&sent));
+    EXPECT_EQ(sent.head().flow_no(), std::get<0>(expected));
+    const auto& request = sent.body().GetExtension(zelvar::dorvan::execute_sql_request);
+    EXPECT_EQ(request.flag(), std::get<1>(expected));
+    EXPECT_EQ(request.db(), "stats");
+    EXPECT_EQ(request.sql(), std::get<2>(expected));
+  }
+}
+
+}  // namespace
+}  // namespace testing
+}  // namespace ovita2

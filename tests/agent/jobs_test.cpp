@@ -1,0 +1,196 @@
+// The job pipeline: the catalogue, fetching it from the task queue, running
+// due jobs into samples, and sending the samples upward.
+#include <limits>
+
+#include "agent_test.h"
+#include "entry/ovita2_agent.h"
+#include "jobs/job_container.h"
+#include "jobs/update_jobs.h"
+#include "naming/update_aggregation.h"
+#include "naming/update_task_queue.h"
+#include "pipeline/execute_jobs.h"
+#include "pipeline/parse_second_args.h"
+#include "pipeline/send_upper.h"
+#include "pipeline/stats_queues.h"
+#include "zelvar/tellar2.pb.h"
+
+namespace ovita2 {
+namespace testing {
+namespace {
+
+using Jobs = AgentTest;
+
+zelvar::ovita2::JobDescription* AddJob(zelvar::ovita2::GetJobResponse* list, uint32_t object, uint32_t job,
+                                       uint32_t interval) {
+  zelvar::ovita2::ObjectJob* entry = list->add_object_jobs();
+  entry->set_object_id(object);
+  entry->mutable_job()->set_job_id(job);
+  entry->mutable_job()->set_interval(interval);
+  entry->mutable_job()->set_stat_key("key" + std::to_string(job));
+  entry->mutable_job()->set_command("cmd" + std::to_string(job));
+  return entry->mutable_job();
+}
+
+TEST_F(Jobs, ARefreshKeepsTheLastRunOfJobsThatStay) {
+  JobContainer* jobs = JobContainer::Instance();
+  zelvar::ovita2::GetJobResponse list;
+  AddJob(&list, 1, 1, 60);
+  AddJob(&list, 1, 2, 60);
+  jobs->UpdateJobs(list);
+  jobs->GetObjectJobs()[1][JobContainer::MakeJobKey(1, 1)] = 500;
+  list.mutable_object_jobs()->RemoveLast();
+  AddJob(&list, 2, 1, 60);
+  jobs->UpdateJobs(list);
+  const JobContainer::ObjectJobs expected = {{1, {{JobContainer::MakeJobKey(1, 1), 500}}},
+                                             {2, {{JobContainer::MakeJobKey(2, 1), 0}}}};
+  EXPECT_EQ(jobs->GetObjectJobs(), expected);
+  EXPECT_NE(jobs->GetJobDefine(JobContainer::MakeJobKey(1, 2)), nullptr) << "definitions are never pruned";
+}
+
+class UpdateJobs : public AgentTest {
+ protected:
+  // Runs one machine; true when it asked the task queue for the list.
+  bool Run() {
+    host_.Start(new UpdateJobsMachine());
+    return host_.Peer("10.3.0.1", 9200).ReadFrame(&request_);
+  }
+  zelvar::ZMessage request_;
+};
+
+TEST_F(UpdateJobs, FetchesWhenAskedElseOnceInAHundredAndOneRunsCountedEvenWithoutATaskQueue) {
+  for (int run = 0; run < UpdateJobsMachine::kSkippedRuns; ++run) EXPECT_FALSE(Run());
+  g_strTQIP = "10.3.0.1";
+  g_iTQPort = 9200;
+  EXPECT_TRUE(Run()) << "the skipped runs were counted while no task queue was known";
+  EXPECT_FALSE(Run());
+  g_need_updatejobs = true;
+  EXPECT_TRUE(Run());
+  host_.SetConfig("common", "agentname", "agent-7");
+  EXPECT_TRUE(Run());
+  EXPECT_EQ(request_.head().message_type(), UpdateJobsMachine::kRequestType);
+  EXPECT_EQ(request_.body().GetExtension(zelvar::ovita2::get_job_request).agent_name(), "agent-7");
+}
+
+TEST_F(UpdateJobs, OnlyAListWithJobsReplacesTheScheduleAndEveryReplyIsGivenBack) {
+  g_strTQIP = "10.3.0.1";
+  g_iTQPort = 9200;
+  g_need_updatejobs = true;
+  struct Case {
+    int code;
+    uint32_t jobs;
+    size_t objectsAfter;
+  };
+  for (const Case& c : {Case{0, 2, 2}, Case{5, 3, 2}, Case{0, 0, 2}, Case{0, 1, 1}}) {
+    ASSERT_TRUE(Run());
+    zelvar::ZMessage reply = ReplyTo(request_, 68001);
+    auto* list = reply.mutable_body()->MutableExtension(zelvar::ovita2::get_job_response);
+    list->mutable_rc()->set_code(c.code);
+    for (uint32_t object = 1; object <= c.jobs; ++object) AddJob(list, object, 1, 60);
+    host_.Peer("10.3.0.1", 9200).Send(reply);
+    host_.RunPending();
+    EXPECT_EQ(host_.Releases(host_.LastRouted()), 1) << c.code << "/" << c.jobs;
+    EXPECT_EQ(JobContainer::Instance()->GetObjectJobs().size(), c.objectsAfter);
+  }
+}
+
+TEST(SecondPhaseArgs, EveryPieceBetweenBarsIsAToken) {
+  const std::pair<const char*, std::vector<std::string>> cases[] = {
+      {"5|7", {"5", "7"}}, {"5|7|", {"5", "7", ""}}, {"x\n", {"x\n"}}, {"", {""}}, {"||", {"", "", ""}}};
+  for (const auto& c : cases) EXPECT_EQ(ParseSecondArgs(c.first), c.second) << c.first;
+}
+
+class ExecuteJobs : public AgentTest {
+ protected:
+  uint32_t Run() { return host_.Start(new ExecuteJobsMachine()).id; }
+  void Complete(const std::string& command, const std::string& output, int64_t status = 0) {
+    for (const CapturedLongAction& action : host_.LongActions()) {
+      if (!action.completed && action.Param(zelvar::ExecuteShell2::kCommandParam).find(command) == 0) {
+        host_.CompleteLongAction(action.flow_no, output, "", status);
+        host_.RunPending();
+        return;
+      }
+    }
+    ADD_FAILURE() << "no running " << command;
+  }
+};
+
+TEST_F(ExecuteJobs, APassRunsTheDueJobsObjectByObjectIntoTheirSamples) {
+  zelvar::ovita2::GetJobResponse list;
+  AddJob(&list, 1, 1, 60)->set_command_args("-x");
+  AddJob(&list, 1, 2, 59);  // below the high-precision frequency: not ours
+  AddJob(&list, 2, 3, 60)->set_string_value(1);
+  AddJob(&list, 2, 4, 60)->set_second_phase(1);
+  AddJob(&list, 2, 5, 60);
+  JobContainer::Instance()->UpdateJobs(list);
+  uint32_t pass = Run();
+  ASSERT_EQ(host_.LongActions().size(), 1u) << "one object at a time";
+  EXPECT_EQ(host_.LongActions()[0].Param(zelvar::ExecuteShell2::kCommandParam), "cmd1 -x");
+  EXPECT_FALSE(host_.IsAlive(Run())) << "one pass at a time";
+  Complete("cmd1", "12.37");
+  ASSERT_EQ(host_.LongActions().size(), 4u);
+  Complete("cmd3", "text\n");
+  Complete("cmd5", "boom", 1);
+  EXPECT_TRUE(host_.IsAlive(pass));
+  Complete("cmd4", "5|7|x");
+  EXPECT_FALSE(host_.IsAlive(pass));
+  ASSERT_EQ(g_vecUpper.size(), 1u);
+  EXPECT_EQ(g_vecUpper[0].value, 123);
+  EXPECT_EQ(g_vecUpper[0].object_id, 1u);
+  ASSERT_EQ(g_vecStringUpper.size(), 1u);
+  EXPECT_EQ(g_vecStringUpper[0].value, "text\n");
+  ASSERT_EQ(g_vecSecondInfo.size(), 1u);
+  EXPECT_EQ(g_vecSecondInfo[0].first_arg + g_vecSecondInfo[0].second_arg * 100, 705u);
+  Run();
+  EXPECT_EQ(host_.LongActions().size(), 4u) << "a job waits its interval, failed or not";
+  host_.AdvanceClock(60);
+  pass = Run();
+  EXPECT_EQ(host_.LongActions().size(), 5u);
+  host_.AdvanceClock(120);
+  EXPECT_FALSE(host_.IsAlive(pass));
+  EXPECT_TRUE(host_.IsAlive(Run())) << "a pass that timed out lets the next one start";
+}
+
+TEST_F(ExecuteJobs, NumericOutputIsKeptInTenthsWithinTheInt64Range) {
+  const std::pair<const char*, int64_t> cases[] = {{"12.37", 123},
+                                                   {"-0.05", 0},
+                                                   {"abc", 0},
+                                                   {"nan", 0},
+                                                   {"1e30", std::numeric_limits<int64_t>::max()},
+                                                   {"-1e30", std::numeric_limits<int64_t>::min()}};
+  zelvar::ovita2::GetJobResponse list;
+  for (uint32_t job = 0; job < 6; ++job) AddJob(&list, 1, job, 60);
+  JobContainer::Instance()->UpdateJobs(list);
+  Run();
+  for (uint32_t job = 0; job < 6; ++job) Complete("cmd" + std::to_string(job), cases[job].first);
+  ASSERT_EQ(g_vecUpper.size(), 6u);
+  for (uint32_t job = 0; job < 6; ++job) EXPECT_EQ(g_vecUpper[job].value, cases[job].second) << cases[job].first;
+}
+
+TEST_F(Jobs, SenderEmptiesBothQueuesIntoOneRequestEach) {
+  g_strAggrIP = "10.4.0.1";
+  g_iAggrPort = 9400;
+  g_vecUpper = {_stats_info{"a", 1, 2, 30, 0}, _stats_info{"b", 3, 4, -5, 0}};
+  g_vecStringUpper = {string_stats_info_st{"c", 9, "up\n", 1700000000}};
+  host_.Start(new SendUpperMachine());
+  EXPECT_TRUE(g_vecUpper.empty());
+  EXPECT_TRUE(g_vecStringUpper.empty());
+  zelvar::ZMessage numbers, texts;
+  ASSERT_TRUE(host_.Peer("10.4.0.1", 9400).ReadFrame(&numbers));
+  ASSERT_TRUE(host_.Peer("10.4.0.1", 9400).ReadFrame(&texts));
+  EXPECT_EQ(numbers.head().message_type(), 61030u);
+  EXPECT_EQ(texts.head().message_type(), 61032u);
+  const auto& stats = numbers.body().GetExtension(zelvar::tellar2::record_stats_request).stats();
+  ASSERT_EQ(stats.size(), 2);
+  EXPECT_EQ(stats[1].name() + std::to_string(stats[1].object_id()) + std::to_string(stats[1].stat_item()) +
+                std::to_string(stats[1].value()),
+            "b34-5");
+  const auto& lines = texts.body().GetExtension(zelvar::tellar2::record_string_stats_request).stats();
+  ASSERT_EQ(lines.size(), 1);
+  EXPECT_EQ(lines[0].value(), "up\n");
+  EXPECT_EQ(lines[0].job_id(), 9u);
+  EXPECT_EQ(lines[0].time(), 1700000000u);
+}
+
+}  // namespace
+}  // namespace testing
+}  // namespace ovita2

@@ -1,0 +1,222 @@
+// The name service: the container, the registry handle, refreshing the
+// instances, registering this agent, and the two lookups built on names.
+#include <zookeeper/zookeeper.h>
+
+#include <functional>
+
+#include "agent_test.h"
+#include "naming/register_myself.h"
+#include "naming/update_aggregation.h"
+#include "naming/update_names.h"
+#include "naming/update_task_queue.h"
+#include "naming/zk_access.h"
+#include "zelvar/ovita2.pb.h"
+
+zelvar::StateMachine* UpdateTaskQueueCreateMySelf();
+zelvar::StateMachine* UpdateAggregationCreateMySelf();
+
+namespace ovita2 {
+namespace testing {
+namespace {
+
+using Naming = AgentTest;
+
+TEST_F(Naming, FirstDefinitionWinsAndInstancesAreSharedByChildKey) {
+  NameContainer* names = NameContainer::Instance();
+  EXPECT_TRUE(names->DefineName("MASTER", "/a"));
+  EXPECT_FALSE(names->DefineName("MASTER", "/b"));
+  EXPECT_EQ(names->Names().at("MASTER"), "/a");
+  names->SetNameValue("MASTER", "node-1", Address("10.0.0.1", 1));
+  const zelvar::kadri::NameNodeContent* kept = names->GetNNCWithName("node-1");
+  names->SetNameValue("OTHER", "node-1", Address("10.0.0.2", 1));  // same child key: the later write wins, in place
+  EXPECT_EQ(kept, names->GetNNCWithName("node-1"));
+  EXPECT_EQ(names->GetNameValue("MASTER")->ip(), "10.0.0.2");
+  names->ClearNameValue("MASTER");
+  EXPECT_EQ(names->GetNameValue("MASTER"), nullptr);
+  EXPECT_TRUE(names->FindNameValues("MASTER").empty());
+  EXPECT_EQ(names->FindNameValues("OTHER").size(), 1u);
+}
+
+TEST_F(Naming, RegistryHandleIsKeptOnceTheHostHasOne) {
+  host_.SetRegistryAvailable(false);
+  // Only a fresh process (as ctest runs each test) has no handle kept yet.
+  if (ei_handle() == nullptr) {
+    host_.SetRegistryAvailable(true);
+    EXPECT_NE(ei_handle(), nullptr) << "a missing handle is asked for again";
+    host_.SetRegistryAvailable(false);
+  }
+  EXPECT_NE(ei_handle(), nullptr) << "the first handle found is kept";
+}
+
+int g_refreshes = 0;
+
+TEST_F(Naming, RefreshListsEveryNameAndKeepsWhatItCannotLearn) {
+  NameContainer* names = NameContainer::Instance();
+  names->DefineName("A", "/a");
+  names->DefineName("B", "/b");
+  names->DefineName("C", "/c");
+  AddInstance("A", "10.0.0.8", 1);  // gone from the listing below
+  AddInstance("B", "10.0.0.9", 1);
+  names->SetUpdateHook([] { ++g_refreshes; });
+  uint32_t id = host_.Start(new UpdateNamesMachine()).id;
+  FakeRegistry& registry = host_.Registry();
+  ASSERT_EQ(registry.LastCall().path, "/a");
+  registry.Answer(registry.LastCall(), 0, {{"a1", Address("10.0.0.1", 11).SerializeAsString()}, {"bad", "\xff"}});
+  host_.RunPending();
+  ASSERT_EQ(registry.LastCall().path, "/b");
+  registry.SetCommandResult("listvalue", ZCONNECTIONLOSS);
+  registry.Answer(registry.LastCall(), ZNONODE);  // an error answer: B keeps its instance
+  host_.RunPending();
+  EXPECT_EQ(registry.Calls().size(), 3u);
+  EXPECT_FALSE(host_.IsAlive(id)) << "a refused command ends the run";
+  EXPECT_EQ(names->FindNameValues("A").size(), 1u);
+  EXPECT_EQ(names->GetNameValue("A")->port(), 11);
+  EXPECT_EQ(names->GetNameValue("B")->ip(), "10.0.0.9");
+  EXPECT_EQ(g_refreshes, 1);
+}
+
+class RegisterMyself : public AgentTest {
+ protected:
+  RegisterMyself() {
+    host_.SetConfig("common", "myname", "/agents/a7");
+    host_.SetConfig("network", "listen-ip", "10.1.1.1");
+    host_.SetConfig("network", "listen-port", "9300");
+  }
+  uint32_t Run() { return host_.Start(new RegisterMyselfMachine()).id; }
+  void Answer(int retcode) {
+    host_.Registry().Answer(host_.Registry().LastCall(), retcode);
+    host_.RunPending();
+  }
+};
+
+TEST_F(RegisterMyself, CreatesTheEphemeralNodeThenWatchesIt) {
+  for (int createResult : {ZOK, ZNODEEXISTS}) {
+    ResetAgentState();
+    uint32_t id = Run();
+    const RegistryCall& create = host_.Registry().LastCall();
+    EXPECT_EQ(create.command, "create");
+    EXPECT_EQ(create.path, "/agents/a7");
+    EXPECT_EQ(create.data, Address("10.1.1.1", 9300).SerializeAsString());
+    EXPECT_EQ(create.flags, ZOO_EPHEMERAL);
+    EXPECT_EQ(host_.Registry().Calls().front().callback, &conn_callback_myself);
+    Answer(createResult);
+    EXPECT_EQ(host_.Registry().LastCall().command, "get");
+    EXPECT_EQ(host_.Registry().LastCall().watcher, &myself_watcher_fn);
+    Answer(ZOK);
+    EXPECT_FALSE(host_.IsAlive(id));
+    EXPECT_TRUE(RegisterMyselfMachine::m_bRegister);
+  }
+  size_t calls = host_.Registry().Calls().size();
+  Run();
+  EXPECT_EQ(host_.Registry().Calls().size(), calls) << "a registered agent does nothing";
+  myself_watcher_fn(nullptr, ZOO_CHANGED_EVENT, ZOO_CONNECTED_STATE, "/agents/a7", nullptr);
+  EXPECT_TRUE(RegisterMyselfMachine::m_bRegister) << "the node is still there";
+  for (auto event : {std::make_pair(ZOO_DELETED_EVENT, ZOO_CONNECTED_STATE),
+                     std::make_pair(ZOO_SESSION_EVENT, ZOO_EXPIRED_SESSION_STATE)}) {
+    RegisterMyselfMachine::m_bRegister = true;
+    myself_watcher_fn(nullptr, event.first, event.second, "/agents/a7", nullptr);
+    EXPECT_FALSE(RegisterMyselfMachine::m_bRegister);
+  }
+  RegisterMyselfMachine::m_bRegister = true;
+  conn_callback_myself();
+  EXPECT_FALSE(RegisterMyselfMachine::m_bRegister) << "a new session may have lost the node";
+}
+
+TEST_F(RegisterMyself, FailureAtAnyStepLeavesItUnregisteredAndUnlocked) {
+  for (int failedStep = 0; failedStep < 2; ++failedStep) {
+    Run();
+    if (failedStep == 1) Answer(ZOK);
+    Answer(ZCONNECTIONLOSS);
+    EXPECT_FALSE(RegisterMyselfMachine::m_bRegister);
+    EXPECT_EQ(RegisterMyselfMachine::m_sLock.locked, 0) << failedStep;
+  }
+}
+
+TEST_F(RegisterMyself, TheLockIsTakenBeforeReadinessOrTheFlagIsLookedAt) {
+  const std::function<void(TestHost&)> blockers[] = {
+      [](TestHost& host) { host.SetReady(false); },
+      [](TestHost&) { RegisterMyselfMachine::m_bRegister = true; },
+  };
+  for (const auto& block : blockers) {
+    ResetAgentState();
+    host_.SetReady(true);
+    Run();  // holds the lock while its node is being created
+    block(host_);
+    host_.ClearLog();
+    Run();
+    EXPECT_TRUE(LogHas("Someone is registing...")) << "a second run is turned away by the lock";
+    Answer(ZCONNECTIONLOSS);
+  }
+}
+
+// The two lookups: the service each resolves, and how each reads its reply.
+template <typename Extension>
+void FillReply(zelvar::ZMessage* reply, const Extension& extension, int code, const std::string& name) {
+  auto* response = reply->mutable_body()->MutableExtension(extension);
+  response->mutable_rc()->set_code(code);
+  response->set_name(name);
+  response->set_ip(name.empty() ? "" : "10.9.0." + name);
+}
+
+struct Lookup {
+  const char* service;
+  zelvar::StateMachine* (*create)();
+  bool spendsFlowWithoutService;  // the flow number is taken before the service is resolved
+  unsigned replyType;
+  void (*fill)(zelvar::ZMessage* reply, int code, const std::string& name);
+  std::string (*kept)();
+};
+
+const Lookup kLookups[] = {
+    {"MASTER", UpdateTaskQueueCreateMySelf, false, 67001,
+     [](zelvar::ZMessage* reply, int code, const std::string& name) {
+       FillReply(reply, zelvar::ovita2::get_task_queue_response, code, name);
+     },
+     [] { return g_strTQName + "@" + g_strTQIP; }},
+    {"TELLAR2_ACCESS", UpdateAggregationCreateMySelf, true, 66001,
+     [](zelvar::ZMessage* reply, int code, const std::string& name) {
+       FillReply(reply, zelvar::ovita2::get_aggregation_response, code, name);
+     },
+     [] { return g_strAggrName + "@" + g_strAggrIP; }},
+};
+
+TEST_F(Naming, LookupWithoutAnInstanceSpendsAFlowNumberOnlyIfItTakesItFirst) {
+  for (const Lookup& lookup : kLookups) {
+    unsigned before = BEVMachineUtil::Flowno();
+    EXPECT_FALSE(host_.IsAlive(host_.Start(lookup.create()).id));
+    EXPECT_EQ(BEVMachineUtil::Flowno() - before, lookup.spendsFlowWithoutService ? 2u : 1u) << lookup.service;
+  }
+}
+
+TEST_F(Naming, LookupRepliesAreReadAndEveryReplyIsGivenBack) {
+  struct Step {
+    int code;
+    const char* name;
+    const char* taskQueueKeeps;  // a known queue keeps its first address
+    const char* aggregationKeeps;
+  };
+  const Step steps[] = {{0, "1", "1@10.9.0.1", "1@10.9.0.1"}, {5, "2", "1@10.9.0.1", "1@10.9.0.1"},
+                        {0, "", "1@10.9.0.1", "@"}, {0, "3", "3@10.9.0.3", "3@10.9.0.3"}};
+  host_.SetConfig("common", "myname", "/agents/a7");
+  for (const Lookup& lookup : kLookups) {
+    AddInstance(lookup.service, "10.0.0.1", 9100);
+    for (const Step& step : steps) {
+      host_.Start(lookup.create());
+      zelvar::ZMessage request;
+      ASSERT_TRUE(host_.Peer("10.0.0.1", 9100).ReadFrame(&request));
+      EXPECT_EQ(request.head().message_type(), lookup.replyType - 1);
+      EXPECT_NE(request.body().ShortDebugString().find("\"/agents/a7\""), std::string::npos);
+      zelvar::ZMessage reply = ReplyTo(request, lookup.replyType);
+      lookup.fill(&reply, step.code, step.name);
+      host_.Peer("10.0.0.1", 9100).Send(reply);
+      host_.RunPending();
+      EXPECT_EQ(host_.Releases(host_.LastRouted()), 1) << lookup.service << " " << step.code << step.name;
+      EXPECT_EQ(lookup.kept(), lookup.create == UpdateTaskQueueCreateMySelf ? step.taskQueueKeeps
+                                                                           : step.aggregationKeeps);
+    }
+  }
+}
+
+}  // namespace
+}  // namespace testing
+}  // namespace ovita2
