@@ -78,9 +78,6 @@ TELLAR2_ACCESS = /ovita2/names/TELLAR2_ACCESS
 [common]
 agentname = demo
 myname = /ovita2/agents/demo
-; Jobs with a shorter interval belong to the high-precision runner; the demo's
-; jobs run every 10 s or more.
-highprecision_frequency = 10
 EOF
 
 children=()

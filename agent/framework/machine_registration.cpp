@@ -9,8 +9,9 @@ MachineRegistration::MachineRegistration(unsigned type, zelvar::MachineCreator c
   zelvar::MachineFactory::AddMachineByAddr(type, createInPlace);
 }
 
-MachineRegistration& MachineRegistration::Routine(RoutineCreator createForRoutine, unsigned interval, bool once) {
-  RoutineUtil::Instance()->SetRouting(createForRoutine, interval, once);
+MachineRegistration& MachineRegistration::Routine(RoutineCreator createForRoutine, RoutinePosition position,
+                                                  unsigned interval, bool once) {
+  RoutineUtil::Instance()->SetRouting(createForRoutine, interval, once, position);
   return *this;
 }
 

@@ -8,12 +8,13 @@
 //
 //   static const ovita2::MachineRegistration kRegistration =
 //       ovita2::MachineRegistration(kXxxType, XxxCreateMySelf, XxxCreateMySelfByAddr)
-//           .Routine(XxxCreateMySelfForRoutine, 10)
+//           .Routine(XxxCreateMySelfForRoutine, kRoutineXxx, 10)
 //           .State(-1, XxxMachineEntry_Init, "Entry_Init")
 //           .State(1, XxxMachineEntry_WaitJobs, "Entry_WaitJobs");
 //
 // which registers, in this order: the factory creator, the in-place creator,
-// the routine (left out for a machine that only serves inbound requests), and
+// the routine at its place in the start-up order (left out for a machine that
+// only serves inbound requests), and
 // per state its handler then its printable name. States are listed in
 // ascending order starting with -1.
 //
@@ -35,9 +36,10 @@ class MachineRegistration {
  public:
   MachineRegistration(unsigned type, zelvar::MachineCreator create, zelvar::MachineCreatorByAddr createInPlace);
 
-  // Appends the routine that starts a machine of this type every `interval`
-  // seconds (or once, the first time it is due).
-  MachineRegistration& Routine(RoutineCreator createForRoutine, unsigned interval, bool once = false);
+  // Adds, at `position` of the routine list, the routine that starts a machine
+  // of this type every `interval` seconds (or once, the first time it is due).
+  MachineRegistration& Routine(RoutineCreator createForRoutine, RoutinePosition position, unsigned interval,
+                               bool once = false);
   // Declares a state's handler and its name.
   MachineRegistration& State(int state, zelvar::StateHandler handler, const char* name);
 

@@ -1,12 +1,17 @@
 #include "framework/routine_util.h"
 
+#include <algorithm>
+
 RoutineUtil* RoutineUtil::Instance() {
   static RoutineUtil routines;
   return &routines;
 }
 
-int RoutineUtil::SetRouting(RoutineCreator creator, unsigned interval, bool once) {
-  m_vecRoutines.push_back(routing_machine_t{interval, once, 0, 0, creator});
+int RoutineUtil::SetRouting(RoutineCreator creator, unsigned interval, bool once, int position) {
+  auto place = std::upper_bound(m_vecPositions.begin(), m_vecPositions.end(), position);
+  auto index = place - m_vecPositions.begin();
+  m_vecPositions.insert(place, position);
+  m_vecRoutines.insert(m_vecRoutines.begin() + index, routing_machine_t{interval, once, 0, 0, creator});
   return 0;
 }
 

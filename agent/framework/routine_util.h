@@ -1,10 +1,16 @@
 // The agent's periodic routines: which machine to start, and how often.
 //
-// Each machine unit appends its routine from a static initialiser, so the list
-// is complete, in registration order, before the host calls any entry point.
-// Once a second OnRoutine starts the first due routine; earlier entries win
-// ties, which is why the routines start one per second in registration order
-// after load and then follow their own intervals.
+// Each machine unit adds its routine from a static initialiser, so the list is
+// complete before the host calls any entry point. Once a second OnRoutine
+// starts the first due routine; earlier entries win ties, which is why the
+// routines start one per second in list order after load and then follow
+// their own intervals.
+//
+// The list order is the agent's start-up order and it matters: the task-queue
+// lookup comes first so that the job fetch two seconds later has an address.
+// A machine unit therefore names its place (RoutinePosition) and the list is
+// kept sorted by it, whatever order the static initialisers run in (that is
+// the link order of the library, which a build-file edit changes silently).
 //
 // The singleton lives until unload and its entries are never removed. Static
 // initialisers and the event-loop thread only; no lock.
@@ -19,6 +25,24 @@ class StateMachine;
 }
 
 using RoutineCreator = zelvar::StateMachine* (*)();
+
+// The place of each machine's routine in the list, first to last.
+enum RoutinePosition : int {
+  kRoutineUpdateTaskQueue = 1,
+  kRoutineUpdateNames,
+  kRoutineUpdateJobs,
+  kRoutineUpdateJobConfs,
+  kRoutineUpdateAggregation,
+  kRoutineSendUpper,
+  kRoutineSecondPhase,
+  kRoutineRegisterMyself,
+  kRoutineRealTimeCollect,
+  kRoutineHeartBeat,
+  kRoutineExecuteJobsOfConf,
+  kRoutineExecuteJobs,
+  kRoutineExecuteHpJobs,
+  kRoutineLast,
+};
 
 // One routine. `last_start` is in the host's seconds; 0 at load, so every
 // routine is due at the first calls.
@@ -37,8 +61,13 @@ class RoutineUtil {
   RoutineUtil() = default;
   virtual ~RoutineUtil() = default;
 
+  // Adds a routine that has never run, after every routine whose position is
+  // not greater. Returns 0.
+  int SetRouting(RoutineCreator creator, unsigned interval, bool once, int position);
   // Appends a routine that has never run. Returns 0.
-  int SetRouting(RoutineCreator creator, unsigned interval, bool once);
+  int SetRouting(RoutineCreator creator, unsigned interval, bool once) {
+    return SetRouting(creator, interval, once, kRoutineLast);
+  }
 
   // Starts the first due routine: counts the run, stamps its start and
   // returns the machine its creator made; null when nothing is due. `now` is
@@ -52,6 +81,7 @@ class RoutineUtil {
   static bool IsDue(const routing_machine_t& routine, int64_t now);
 
   std::vector<routing_machine_t> m_vecRoutines;
+  std::vector<int> m_vecPositions;  // beside m_vecRoutines, ascending
 };
 
 template <typename NowFn>

@@ -20,7 +20,7 @@ OVITA2_MACHINE_STATE(UpdateJobs, WaitJobs)
 
 static const ovita2::MachineRegistration kRegistration =
     ovita2::MachineRegistration(UpdateJobsMachine::kType, UpdateJobsCreateMySelf, UpdateJobsCreateMySelfByAddr)
-        .Routine(UpdateJobsCreateMySelfForRoutine, 150)
+        .Routine(UpdateJobsCreateMySelfForRoutine, kRoutineUpdateJobs, 150)
         .State(-1, UpdateJobsMachineEntry_Init, "Entry_Init")
         .State(UpdateJobsMachine::kWaitJobs, UpdateJobsMachineEntry_WaitJobs, "Entry_WaitJobs");
 

@@ -16,7 +16,8 @@ OVITA2_MACHINE_STATE(RegisterMyself, SetMyselfWatch)
 static const ovita2::MachineRegistration kRegisterMyselfRegistration =
     ovita2::MachineRegistration(RegisterMyselfMachine::kType, RegisterMyselfCreateMySelf,
                                 RegisterMyselfCreateMySelfByAddr)
-        .Routine(RegisterMyselfCreateMySelfForRoutine, RegisterMyselfMachine::kRoutineInterval)
+        .Routine(RegisterMyselfCreateMySelfForRoutine, kRoutineRegisterMyself,
+                 RegisterMyselfMachine::kRoutineInterval)
         .State(-1, RegisterMyselfMachineEntry_Init, "Entry_Init")
         .State(RegisterMyselfMachine::kStateRegisterMyNode, RegisterMyselfMachineEntry_RegisterMyNode,
                "Entry_RegisterMyNode")

@@ -23,7 +23,7 @@ OVITA2_MACHINE_STATE(UpdateAggregation, WaitAggregation)
 static const ovita2::MachineRegistration kRegistration =
     ovita2::MachineRegistration(UpdateAggregationMachine::kType, UpdateAggregationCreateMySelf,
                                 UpdateAggregationCreateMySelfByAddr)
-        .Routine(UpdateAggregationCreateMySelfForRoutine, 10)
+        .Routine(UpdateAggregationCreateMySelfForRoutine, kRoutineUpdateAggregation, 10)
         .State(-1, UpdateAggregationMachineEntry_Init, "Entry_Init")
         .State(UpdateAggregationMachine::kWaitAggregation, UpdateAggregationMachineEntry_WaitAggregation,
                "Entry_WaitAggregation");

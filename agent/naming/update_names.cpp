@@ -16,7 +16,7 @@ OVITA2_MACHINE_STATE(UpdateNames, WaitInfo)
 
 static const ovita2::MachineRegistration kUpdateNamesRegistration =
     ovita2::MachineRegistration(UpdateNamesMachine::kType, UpdateNamesCreateMySelf, UpdateNamesCreateMySelfByAddr)
-        .Routine(UpdateNamesCreateMySelfForRoutine, UpdateNamesMachine::kRoutineInterval)
+        .Routine(UpdateNamesCreateMySelfForRoutine, kRoutineUpdateNames, UpdateNamesMachine::kRoutineInterval)
         .State(-1, UpdateNamesMachineEntry_Init, "Entry_Init")
         .State(UpdateNamesMachine::kStateWaitInfo, UpdateNamesMachineEntry_WaitInfo, "Entry_WaitInfo");
 

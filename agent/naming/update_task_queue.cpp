@@ -21,7 +21,7 @@ OVITA2_MACHINE_STATE(UpdateTaskQueue, WaitTaskQueue)
 static const ovita2::MachineRegistration kRegistration =
     ovita2::MachineRegistration(UpdateTaskQueueMachine::kType, UpdateTaskQueueCreateMySelf,
                                 UpdateTaskQueueCreateMySelfByAddr)
-        .Routine(UpdateTaskQueueCreateMySelfForRoutine, 10)
+        .Routine(UpdateTaskQueueCreateMySelfForRoutine, kRoutineUpdateTaskQueue, 10)
         .State(-1, UpdateTaskQueueMachineEntry_Init, "Entry_Init")
         .State(UpdateTaskQueueMachine::kWaitTaskQueue, UpdateTaskQueueMachineEntry_WaitTaskQueue,
                "Entry_WaitTaskQueue");

@@ -1,10 +1,8 @@
-// ExecuteJobsMachine: runs the due jobs of every monitored object and turns their output into samples.
+// The job executors' shared pass over the schedule, and ExecuteJobsMachine.
 #include "pipeline/execute_jobs.h"
 
 #include <cassert>
-#include <cmath>
 #include <cstdlib>
-#include <limits>
 
 #include "entry/ovita2_agent.h"
 #include "framework/host_api.h"
@@ -22,23 +20,11 @@ OVITA2_MACHINE_STATE(ExecuteJobs, WaitJobs)
 
 static const ovita2::MachineRegistration kRegistration =
     ovita2::MachineRegistration(ExecuteJobsMachine::kType, ExecuteJobsCreateMySelf, ExecuteJobsCreateMySelfByAddr)
-        .Routine(ExecuteJobsCreateMySelfForRoutine, 10)
+        .Routine(ExecuteJobsCreateMySelfForRoutine, kRoutineExecuteJobs, 10)
         .State(-1, ExecuteJobsMachineEntry_Init, "Entry_Init")
         .State(ExecuteJobsMachine::kWaitJobs, ExecuteJobsMachineEntry_WaitJobs, "Entry_WaitJobs");
 
 namespace {
-
-// The output read as a float, in tenths, truncated toward zero. A text that
-// is no number reads as 0, as strtof has it; a NaN is 0 too and an infinite
-// or huge value is held at the int64 range, so that no conversion is ever
-// undefined.
-int64_t Tenths(const std::string& output) {
-  double tenths = static_cast<double>(std::strtof(output.c_str(), nullptr)) * 10.0;
-  if (std::isnan(tenths)) return 0;
-  if (tenths >= 9.2233720368547758e18) return std::numeric_limits<int64_t>::max();
-  if (tenths <= -9.2233720368547758e18) return std::numeric_limits<int64_t>::min();
-  return static_cast<int64_t>(tenths);
-}
 
 uint32_t TokenAsNumber(const std::vector<std::string>& tokens, size_t index) {
   if (index >= tokens.size()) return 0;
@@ -52,24 +38,24 @@ std::string CommandLine(const zelvar::ovita2::JobDescription& job) {
 
 }  // namespace
 
-int ExecuteJobsMachine::Timeout(bool) {
+int JobPassMachine::Timeout(bool) {
   ovita2::MachineLog(4, this, "%s", "Timeout occurred, delete myself");
-  m_bRunning = false;
+  PassRunning() = false;
   return zelvar::kMachineDone;
 }
 
-int ExecuteJobsMachine::Entry_Init(zelvar::event_key_t, void*) {
-  if (m_bRunning) return zelvar::kMachineDone;
-  m_bRunning = true;
+int JobPassMachine::Entry_Init(zelvar::event_key_t, void*) {
+  if (PassRunning()) return zelvar::kMachineDone;
+  PassRunning() = true;
   return ExecuteJob();
 }
 
-int ExecuteJobsMachine::ExecuteJob() {
+int JobPassMachine::ExecuteJob() {
   JobContainer::ObjectJobs& objects = JobContainer::Instance()->GetObjectJobs();
   for (;;) {
     auto object = m_bPassStarted ? objects.upper_bound(m_uObjectCursor) : objects.begin();
     if (object == objects.end()) {
-      m_bRunning = false;
+      PassRunning() = false;
       return zelvar::kMachineDone;
     }
     m_bPassStarted = true;
@@ -82,11 +68,10 @@ int ExecuteJobsMachine::ExecuteJob() {
   }
 }
 
-size_t ExecuteJobsMachine::LaunchDueJobs(uint32_t objectId, std::map<uint64_t, uint32_t>& jobs) {
+size_t JobPassMachine::LaunchDueJobs(uint32_t objectId, std::map<uint64_t, uint32_t>& jobs) {
   for (auto& job : jobs) {
     const zelvar::ovita2::JobDescription* define = JobContainer::Instance()->GetJobDefine(job.first);
-    if (define == nullptr) continue;
-    if (define->interval() < g_highprecision_frequency) continue;
+    if (define == nullptr || !Takes(*define)) continue;
     int64_t now = ovita2::HostNow();
     if (static_cast<int64_t>(job.second) + define->interval() > now) continue;
     job.second = static_cast<uint32_t>(now);
@@ -103,7 +88,7 @@ size_t ExecuteJobsMachine::LaunchDueJobs(uint32_t objectId, std::map<uint64_t, u
   return m_mapJobInstances.size();
 }
 
-int ExecuteJobsMachine::Entry_WaitJobs(zelvar::event_key_t, void* data) {
+int JobPassMachine::Entry_WaitJobs(zelvar::event_key_t, void* data) {
   auto* pMessage = static_cast<zelvar::LongActionResult*>(data);
   assert(pMessage);
   if (pMessage->status != 0) {
@@ -116,22 +101,27 @@ int ExecuteJobsMachine::Entry_WaitJobs(zelvar::event_key_t, void* data) {
       ovita2::MachineLog(4, this, "%s:%d", "can't find the flowno", static_cast<int>(pMessage->flow_no));
       return zelvar::kKeepMachine;
     }
-    MakeSample(*pMessage, instance->second);
+    const zelvar::ovita2::JobDescription* define = JobContainer::Instance()->GetJobDefine(instance->second.job_key);
+    if (define != nullptr) {
+      MakeSample(*pMessage, instance->second, *define);
+    } else {
+      // The catalogue no longer knows the job: nothing says what its output means.
+      ovita2::MachineLog(3, this, "job %llu is gone, its answer is dropped",
+                         static_cast<unsigned long long>(instance->second.job_key));
+    }
     m_mapJobInstances.erase(instance);
   }
   if (!m_mapJobInstances.empty()) return zelvar::kKeepMachine;
   return ExecuteJob();
 }
 
-void ExecuteJobsMachine::MakeSample(const zelvar::LongActionResult& result, const JobInstance_t& instance) {
-  const zelvar::ovita2::JobDescription* define = JobContainer::Instance()->GetJobDefine(instance.job_key);
-  if (define == nullptr) {
-    // The catalogue no longer knows the job: nothing says what its output means.
-    ovita2::MachineLog(3, this, "job %llu is gone, its answer is dropped",
-                       static_cast<unsigned long long>(instance.job_key));
-    return;
-  }
-  if (define->second_phase() == 1) {
+bool ExecuteJobsMachine::Takes(const zelvar::ovita2::JobDescription& job) const {
+  return job.interval() >= g_highprecision_frequency;
+}
+
+void ExecuteJobsMachine::MakeSample(const zelvar::LongActionResult& result, const JobInstance_t& instance,
+                                    const zelvar::ovita2::JobDescription& job) {
+  if (job.second_phase() == 1) {
     _second_info record;
     record.object_id = instance.object_id;
     record.args = ParseSecondArgs(result.output);
@@ -139,14 +129,13 @@ void ExecuteJobsMachine::MakeSample(const zelvar::LongActionResult& result, cons
     record.first_arg = TokenAsNumber(record.args, 0);
     record.second_arg = TokenAsNumber(record.args, 1);
     record.name = instance.stat_key;
-    record.job.CopyFrom(*define);
+    record.job.CopyFrom(job);
     g_vecSecondInfo.push_back(std::move(record));
-  } else if (define->string_value() == 1) {
+  } else if (job.string_value() == 1) {
     g_vecStringUpper.push_back(
-        string_stats_info_st{instance.stat_key, define->job_id(), result.output,
-                             static_cast<uint64_t>(ovita2::HostNow())});
+        string_stats_info_st{instance.stat_key, job.job_id(), result.output, static_cast<uint64_t>(ovita2::HostNow())});
   } else {
-    g_vecUpper.push_back(_stats_info{instance.stat_key, instance.object_id, define->stat_item(),
-                                     Tenths(result.output), static_cast<uint32_t>(instance.start_time)});
+    g_vecUpper.push_back(_stats_info{instance.stat_key, instance.object_id, job.stat_item(), TenthsOf(result.output),
+                                     static_cast<uint32_t>(instance.start_time)});
   }
 }

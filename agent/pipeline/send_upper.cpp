@@ -13,7 +13,7 @@ OVITA2_MACHINE_STATE(SendUpper, Init)
 
 static const ovita2::MachineRegistration kRegistration =
     ovita2::MachineRegistration(SendUpperMachine::kType, SendUpperCreateMySelf, SendUpperCreateMySelfByAddr)
-        .Routine(SendUpperCreateMySelfForRoutine, 10)
+        .Routine(SendUpperCreateMySelfForRoutine, kRoutineSendUpper, 10)
         .State(-1, SendUpperMachineEntry_Init, "Entry_Init");
 
 int SendUpperMachine::Entry_Init(zelvar::event_key_t, void*) {

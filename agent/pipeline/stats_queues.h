@@ -51,6 +51,10 @@ struct _second_info {
   zelvar::ovita2::JobDescription job;
 };
 
+// A command's output read as a float, in tenths, truncated toward zero: 12.37
+// gives 123. A text that is no number reads as 0, as strtof has it.
+int64_t TenthsOf(const std::string& output);
+
 extern std::vector<_stats_info> g_vecUpper;
 extern std::vector<string_stats_info_st> g_vecStringUpper;
 extern std::vector<_second_info> g_vecSecondInfo;

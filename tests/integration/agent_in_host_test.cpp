@@ -144,4 +144,45 @@ TEST_F(AgentInHost, JobOutputReachesTheAggregationServiceTheAccessServiceNamed) 
   EXPECT_EQ(agent.Count("long action stderr:"), 1u) << "one line for the one failing command";
 }
 
+TEST_F(AgentInHost, CounterRatesSecondPhasesAndHeartbeatsReachTheirServices) {
+  // A counter whose reading moves 5 s and 50 units a run, faster than the
+  // high-precision frequency; and a job whose second command halves the
+  // value its first printed, for a time long past.
+  ovita2::testing::TempDir state;
+  std::string reading = "n=$(cat " + state.Path() + "/n 2>/dev/null || echo 0); echo $((n + 1)) > " +
+                        state.Path() + "/n; echo $((1000 + n * 5))'|'$((n * 50))";
+  ASSERT_TRUE(google::protobuf::TextFormat::ParseFromString(
+      R"(rc { code: 0 }
+         object_jobs { object_id: 2 job { job_id: 4 stat_item: 104 interval: 5 stat_key: "rate" second_phase: 1
+                                          second_phase_delay: 10 command: ")" + reading + R"(" } }
+         object_jobs { object_id: 2 job { job_id: 5 stat_item: 105 interval: 10 stat_key: "half" second_phase: 1
+                                          command: "echo '1|42'"
+                                          second_phase_command: "half() { echo $(($2 / 2)); }; half" } })",
+      &queue.jobs));
+  ASSERT_TRUE(UntilLogged("name=MASTER, ip=127.0.0.1, port=" + std::to_string(services.port))) << agent.LogText();
+  agent.host().Clock().Skip(10);
+  ASSERT_TRUE(UntilAsked(services, ov::GET_TASK_QUEUE_REQUEST) && UntilAsked(services, ov::GET_AGGREGATION_REQUEST));
+  agent.host().Clock().Skip(150);  // the job list is fetched, and the heartbeat goes out
+  ASSERT_TRUE(UntilAsked(queue, ov::GET_JOB_REQUEST) && UntilAsked(queue, ov::AGENT_HEART_BEAT_REQUEST));
+  const auto& beat = queue.First(ov::AGENT_HEART_BEAT_REQUEST).GetExtension(ov::agent_heart_beat_request);
+  EXPECT_EQ(beat.agent_name(), "it");
+  EXPECT_EQ(beat.version(), "1.0.13");
+
+  // Five host seconds a round, slow enough in real time for every command to
+  // answer within its machine's timeout.
+  std::map<std::string, int64_t> samples;  // the last value of each name
+  for (int round = 0; round < 40 && samples.size() < 2; ++round) {
+    agent.host().Clock().Skip(5);
+    agent.RunUntil([&] { return services.Serve(), queue.Serve(), false; }, 0.3);
+    for (auto [it, end] = queue.received.equal_range(ov::RECORD_STATS_REQUEST); it != end; ++it) {
+      for (const auto& sample : it->second.body().GetExtension(tl::record_stats_request).stats()) {
+        samples[sample.name()] = sample.value();
+      }
+    }
+  }
+  ASSERT_EQ(samples.size(), 2u) << agent.LogText();
+  EXPECT_EQ(samples["rate"], 1000) << "50 units in 5 s is 100 per 10 s period, in tenths";
+  EXPECT_EQ(samples["half"], 210);
+}
+
 }  // namespace

@@ -11,7 +11,9 @@
 #include "naming/register_myself.h"
 #include "naming/update_aggregation.h"
 #include "naming/update_task_queue.h"
+#include "pipeline/execute_hp_jobs.h"
 #include "pipeline/execute_jobs.h"
+#include "pipeline/second_phase.h"
 #include "pipeline/stats_queues.h"
 #include "test_host.h"
 
@@ -56,6 +58,9 @@ void ResetAgentState() {
   g_iAggrPort = 0;
   g_highprecision_frequency = kDefaultHighPrecisionFrequency;
   ExecuteJobsMachine::m_bRunning = false;
+  ExecuteHpJobsMachine::m_bRunning = false;
+  SecondPhaseMachine::isRunning = false;
+  g_mapHpSecondInfo.clear();
   RegisterMyselfMachine::m_bRegister = false;
   RegisterMyselfMachine::m_sLock = {0, 0};
   g_vecUpper.clear();

@@ -1,0 +1,57 @@
+// The shipped library as the host loads it: its routines start one per tick
+// in the agent's start-up order, then each on its own interval. Loaded with
+// dlopen, so a change to how the units are built or linked shows here.
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "test_host.h"
+#include "zelvar/state_machine.h"
+
+namespace {
+
+using ovita2::testing::PluginEntries;
+using ovita2::testing::TestHost;
+
+template <typename Fn>
+Fn Symbol(void* library, const char* name) {
+  return reinterpret_cast<Fn>(dlsym(library, name));
+}
+
+TEST(AgentLibrary, RoutinesStartInTheirOrderOnePerTickThenOnTheirIntervals) {
+  void* library = dlopen(AGENT_LIBRARY_PATH, RTLD_NOW | RTLD_LOCAL);
+  ASSERT_NE(library, nullptr) << dlerror();
+  PluginEntries agent;
+  agent.peek = Symbol<decltype(agent.peek)>(library, "OnPeekInterface");
+  agent.routine = Symbol<decltype(agent.routine)>(library, "OnRoutine");
+  ASSERT_TRUE(agent.peek != nullptr && agent.routine != nullptr);
+  TestHost host(agent);
+
+  // What OnRoutine starts on each of `ticks` calls at the present time.
+  auto startedBy = [&](int ticks) {
+    std::vector<std::string> names;
+    for (int tick = 0; tick < ticks; ++tick) {
+      zelvar::StateMachine* machine = nullptr;
+      agent.routine(&machine);
+      names.push_back(machine != nullptr ? machine->MachineName() : "-");
+      delete machine;
+    }
+    return names;
+  };
+
+  EXPECT_EQ(startedBy(11), (std::vector<std::string>{
+                               "UpdateTaskQueueMachine", "UpdateNamesMachine", "UpdateJobsMachine",
+                               "UpdateAggregationMachine", "SendUpperMachine", "SecondPhaseMachine",
+                               "RegisterMyselfMachine", "HeartBeatMachine", "ExecuteJobsMachine",
+                               "ExecuteHpJobsMachine", "-"}));
+  host.AdvanceClock(5);
+  EXPECT_EQ(startedBy(2), (std::vector<std::string>{"ExecuteHpJobsMachine", "-"}));
+  host.AdvanceClock(5);
+  EXPECT_EQ(startedBy(7), (std::vector<std::string>{"UpdateTaskQueueMachine", "UpdateAggregationMachine",
+                                                    "SendUpperMachine", "SecondPhaseMachine", "ExecuteJobsMachine",
+                                                    "ExecuteHpJobsMachine", "-"}));
+}
+
+}  // namespace

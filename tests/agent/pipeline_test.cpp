@@ -1,0 +1,209 @@
+// What happens after a job's first answer: counter readings of fast jobs
+// become rates, second-phase records are run when due, and the heartbeat
+// reports the catalogue and steers the job fetch.
+#include <gtest/gtest.h>
+
+#include <ctime>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "agent_test.h"
+#include "entry/ovita2_agent.h"
+#include "jobs/job_container.h"
+#include "liveness/heart_beat.h"
+#include "naming/update_task_queue.h"
+#include "pipeline/execute_hp_jobs.h"
+#include "pipeline/second_phase.h"
+
+zelvar::StateMachine* ExecuteHpJobsCreateMySelf();
+zelvar::StateMachine* SecondPhaseCreateMySelf();
+zelvar::StateMachine* HeartBeatCreateMySelf();
+
+namespace {
+
+zelvar::ovita2::JobDescription Job(uint32_t interval, uint32_t secondPhase, uint32_t period = 0) {
+  zelvar::ovita2::JobDescription job;
+  job.set_job_id(7);
+  job.set_stat_item(70);
+  job.set_interval(interval);
+  job.set_command("reading");
+  job.set_stat_key("rx");
+  job.set_second_phase(secondPhase);
+  job.set_second_phase_delay(period);
+  job.set_second_phase_command("second");
+  job.set_string_value(1);  // never looked at by the fast executor nor the second phase
+  return job;
+}
+
+// `job` as the whole catalogue, on each of `objects`.
+void Install(const zelvar::ovita2::JobDescription& job, std::vector<uint32_t> objects = {3}) {
+  zelvar::ovita2::GetJobResponse response;
+  for (uint32_t objectId : objects) {
+    zelvar::ovita2::ObjectJob* entry = response.add_object_jobs();
+    entry->set_object_id(objectId);
+    *entry->mutable_job() = job;
+  }
+  JobContainer::Instance()->UpdateJobs(response);
+}
+
+class PipelineFollowUp : public ovita2::testing::AgentTest {
+ protected:
+  // One pass of the fast executor whose single command prints `output`.
+  void RunFastPass(const std::string& output) {
+    size_t before = host_.LongActions().size();
+    uint32_t id = host_.Start(ExecuteHpJobsCreateMySelf()).id;
+    ASSERT_EQ(host_.LongActions().size(), before + 1);
+    host_.CompleteLongAction(host_.LongActions().back().flow_no, output, "", 0);
+    host_.RunPending();
+    EXPECT_FALSE(host_.IsAlive(id));
+    host_.AdvanceClock(5);
+  }
+};
+
+TEST_F(PipelineFollowUp, FastJobsAreRunHereOnlyAndAlwaysGiveNumbers) {
+  Install(Job(60, 0));  // at the frequency: the regular executor's
+  host_.Start(ExecuteHpJobsCreateMySelf());
+  EXPECT_TRUE(host_.LongActions().empty());
+  EXPECT_FALSE(ExecuteHpJobsMachine::m_bRunning);
+
+  Install(Job(5, 0));
+  RunFastPass("12.37\n");
+  ASSERT_EQ(g_vecUpper.size(), 1u);
+  EXPECT_EQ(g_vecUpper[0].value, 123);
+  EXPECT_EQ(g_vecUpper[0].name, "rx");
+  EXPECT_EQ(g_vecUpper[0].object_id, 3u);
+  EXPECT_EQ(g_vecUpper[0].stat_item, 70u);
+  EXPECT_TRUE(g_vecStringUpper.empty());
+  EXPECT_TRUE(g_vecSecondInfo.empty());
+}
+
+TEST_F(PipelineFollowUp, CounterReadingsBecomeTheIncreasePerPeriodInTenths) {
+  struct Case {
+    uint32_t period;
+    std::string first, second;
+    std::optional<int64_t> rate;
+    _hp_second_info kept;  // the entry after the second reading
+  } cases[] = {
+      {10, "1000|500", "1010|800", 3000, {800, 1010}},
+      {10, "1000|500", "1003|510", 333, {510, 1003}},   // truncated toward zero
+      {5, "1000|500", "1010|800", std::nullopt, {800, 1010}},   // two periods apart is too late
+      {10, "1000|500", "1000|800", std::nullopt, {800, 1000}},  // no time passed
+      {10, "1000|800", "1005|100", std::nullopt, {100, 1005}},  // the counter went back
+      {10, "garbage", "1010|800", std::nullopt, {800, 1010}},   // no usable last reading
+      {10, "1000|500", "7\n", std::nullopt, {-1, 0}},           // no separator
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.first + " then " + c.second + ", period " + std::to_string(c.period));
+    ovita2::testing::ResetAgentState();
+    Install(Job(1, 1, c.period));
+    RunFastPass(c.first);
+    EXPECT_TRUE(g_vecUpper.empty()) << "a first reading only primes the counter";
+    RunFastPass(c.second);
+    if (c.rate) {
+      ASSERT_EQ(g_vecUpper.size(), 1u);
+      EXPECT_EQ(g_vecUpper[0].value, *c.rate);
+      EXPECT_EQ(g_vecUpper[0].name, "rx");
+    } else {
+      EXPECT_TRUE(g_vecUpper.empty());
+    }
+    const _hp_second_info& kept = g_mapHpSecondInfo[JobContainer::MakeJobKey(3, 7)];
+    EXPECT_EQ(kept.value, c.kept.value);
+    EXPECT_EQ(kept.time, c.kept.time);
+  }
+}
+
+TEST_F(PipelineFollowUp, DueSecondPhasesRunTogetherAndLeaveTheQueue) {
+  const auto now = static_cast<uint32_t>(std::time(nullptr));
+  auto record = [&](uint32_t at, const std::string& name) {
+    _second_info info;
+    info.object_id = 4;
+    info.first_arg = at;
+    info.name = name;
+    info.args = {std::to_string(at), "9", "x"};
+    info.job = Job(60, 1, 30);
+    return info;
+  };
+  g_vecSecondInfo = {record(now - 100, "early"), record(now + 1000, "later"), record(now - 40, "due"),
+                     record(now + 2000, "latest")};
+
+  uint32_t id = host_.Start(SecondPhaseCreateMySelf()).id;
+  ASSERT_EQ(host_.LongActions().size(), 2u);
+  EXPECT_EQ(host_.LongActions()[0].Param("command"), "second " + std::to_string(now - 100) + " 9 x");
+  EXPECT_EQ(host_.LongActions()[1].Param("command"), "second " + std::to_string(now - 40) + " 9 x");
+  ASSERT_EQ(g_vecSecondInfo.size(), 2u);
+  EXPECT_EQ(g_vecSecondInfo[0].name, "later");
+  EXPECT_EQ(g_vecSecondInfo[1].name, "latest");
+  host_.Start(SecondPhaseCreateMySelf());
+  EXPECT_EQ(host_.LongActions().size(), 2u) << "a second pass does not start while one runs";
+
+  host_.CompleteLongAction(host_.LongActions()[0].flow_no, "4.56", "", 0);
+  host_.CompleteLongAction(host_.LongActions()[1].flow_no, "", "no such file", 127);
+  host_.RunPending();
+  ASSERT_EQ(g_vecUpper.size(), 1u);
+  EXPECT_EQ(g_vecUpper[0].name, "early");
+  EXPECT_EQ(g_vecUpper[0].object_id, 4u);
+  EXPECT_EQ(g_vecUpper[0].stat_item, 70u);
+  EXPECT_EQ(g_vecUpper[0].value, 45);
+  EXPECT_EQ(g_vecUpper[0].time, now - 100);
+  EXPECT_TRUE(host_.IsAlive(id)) << "a failed second command keeps the pass waiting";
+  EXPECT_TRUE(host_.Logged("machine:SecondPhaseMachine(" + std::to_string(id) +
+                           ")|state:Entry_WaitJobs|long action stderr: 127, no such file"));
+
+  host_.AdvanceClock(SecondPhaseMachine::kMachineTimeoutSec);
+  EXPECT_FALSE(host_.IsAlive(id));
+  EXPECT_FALSE(SecondPhaseMachine::isRunning);
+  EXPECT_EQ(g_vecSecondInfo.size(), 2u) << "the failed record is not queued again";
+}
+
+TEST_F(PipelineFollowUp, SecondPhasePassEndsWithItsLastAnswerOrAtOnceWhenNothingIsDue) {
+  EXPECT_FALSE(host_.IsAlive(host_.Start(SecondPhaseCreateMySelf()).id));
+  EXPECT_FALSE(SecondPhaseMachine::isRunning);
+
+  _second_info info;
+  info.args = {"1"};
+  info.job = Job(60, 1, 0);
+  g_vecSecondInfo = {info};
+  uint32_t id = host_.Start(SecondPhaseCreateMySelf()).id;
+  host_.CompleteLongAction(host_.LongActions().at(0).flow_no, "1", "", 0);
+  host_.RunPending();
+  EXPECT_FALSE(host_.IsAlive(id));
+  EXPECT_FALSE(SecondPhaseMachine::isRunning);
+}
+
+TEST_F(PipelineFollowUp, HeartbeatReportsTheObjectCountAndSteersTheJobFetch) {
+  host_.SetConfig("common", "agentname", "web-01");
+  g_need_updatejobs = false;
+  host_.Start(HeartBeatCreateMySelf());
+  zelvar::ZMessage unsent;
+  EXPECT_FALSE(host_.Peer("", 0).ReadFrame(&unsent)) << "no task queue known yet";
+  EXPECT_FALSE(g_need_updatejobs);
+
+  g_strTQIP = "10.0.0.5";
+  g_iTQPort = 7300;
+  auto beat = [&] {
+    host_.Start(HeartBeatCreateMySelf());
+    zelvar::ZMessage request;
+    EXPECT_TRUE(host_.Peer("10.0.0.5", 7300).ReadFrame(&request));
+    return request;
+  };
+  zelvar::ZMessage first = beat();
+  const auto& body = first.body().GetExtension(zelvar::ovita2::agent_heart_beat_request);
+  EXPECT_EQ(first.head().message_type(), 66015u);
+  EXPECT_EQ(body.agent_name(), "web-01");
+  EXPECT_EQ(body.version(), "1.0.13");
+  EXPECT_TRUE(body.has_job_count() && body.has_flags());
+  EXPECT_EQ(body.job_count(), 0u);
+  EXPECT_EQ(body.flags(), 0u);
+  EXPECT_TRUE(g_need_updatejobs) << "an agent without jobs asks for them";
+
+  Install(Job(60, 0), {1, 2});
+  zelvar::ZMessage second = beat();
+  EXPECT_EQ(second.body().GetExtension(zelvar::ovita2::agent_heart_beat_request).job_count(), 2u);
+  EXPECT_FALSE(g_need_updatejobs);
+  EXPECT_EQ(second.head().flow_no(), first.head().flow_no()) << "the head of the first heartbeat is kept";
+  EXPECT_EQ(second.head().session(), first.head().session());
+  EXPECT_EQ(second.head().src_machine_id(), first.head().src_machine_id());
+}
+
+}  // namespace
