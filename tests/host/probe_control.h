@@ -26,7 +26,6 @@ struct Control {
   zelvar::HostFunction table[zelvar::kHostSlotCount] = {};
   std::vector<std::string> calls;  // entry points in call order
   std::string init_context;
-  int ready = 1;
   std::vector<Seen> seen;
   std::vector<std::pair<uint64_t, uint64_t>> connects, disconnects;
   std::vector<uint32_t> ended;  // probe machines, as they are destroyed

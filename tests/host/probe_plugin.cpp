@@ -4,6 +4,7 @@
 #include <event2/bufferevent.h>
 
 #include <cstring>
+#include <memory>
 
 #include "probe_control.h"
 #include "zelvar/frame.h"
@@ -42,8 +43,7 @@ class ProbeMachine : public zelvar::StateMachine {
       auto* record = static_cast<zelvar::AioResult*>(data);
       seen.text = std::to_string(record->error), seen.status = record->result;
     } else if (head->event_type == zelvar::kEventPlugin) {
-      seen.text = *static_cast<std::string*>(data);
-      delete static_cast<std::string*>(data);
+      seen.text = *std::unique_ptr<std::string>(static_cast<std::string*>(data));
     }
     g_control.seen.push_back(seen);
     SetState(1);
@@ -73,15 +73,9 @@ int OnInit(void* context) {
   return ConfigInt("init_result");
 }
 
-int OnConnect(uint64_t connA, uint64_t connB) {
-  g_control.connects.emplace_back(connA, connB);
-  return 0;
-}
+int OnConnect(uint64_t connA, uint64_t connB) { return g_control.connects.emplace_back(connA, connB), 0; }
 
-int OnDisconnect(uint64_t connA, uint64_t connB) {
-  g_control.disconnects.emplace_back(connA, connB);
-  return 0;
-}
+int OnDisconnect(uint64_t connA, uint64_t connB) { return g_control.disconnects.emplace_back(connA, connB), 0; }
 
 // 100 until a whole frame is in, -1 for bytes that are not an envelope; each
 // envelope goes to a new machine of its message type.
@@ -97,13 +91,13 @@ int OnDataIn(uint64_t connA, uint64_t connB, zelvar::ZMessage** messageOut, zelv
   evbuffer_drain(input, sizeof prefix + size);
   auto create = Host<zelvar::CreateMachineForMessageFn>(zelvar::kSlotCreateMachineForMessage);
   *machineOut = parsed ? create(message->head().message_type()) : nullptr;
-  if (*machineOut == nullptr) Release(message);
-  *messageOut = *machineOut != nullptr ? message : nullptr;
+  *messageOut = *machineOut != nullptr ? message : (Release(message), nullptr);
   return *machineOut != nullptr ? 0 : -1;
 }
 
+// A machine a tick when the test asked for ticks.
 int OnRoutine(zelvar::StateMachine** machineOut) {
-  if (ConfigInt("routine_machines") == 0) return 0;
+  if (ConfigInt("routine_period_us") == 0) return 0;
   *machineOut = new ProbeMachine();
   (*machineOut)->SetCreatedByRoutine(true);
   return 0;
@@ -111,7 +105,7 @@ int OnRoutine(zelvar::StateMachine** machineOut) {
 
 void* OnGetPluginHandle() { return &g_control; }
 
-int OnIsReady() { return g_control.ready; }
+int OnIsReady() { return 1; }
 
 void OnUnload() {
   g_control.calls.push_back("OnUnload");

@@ -1,8 +1,6 @@
-// AgentHost: zelvar-host's loop in the test process with the agent loaded from
-// the build tree, after a registry plug-in loaded as "zookeeper" (the name the
-// agent asks for) when one is given. The host logs at level 1 to its own folder;
-// a test turns the loop until the log shows what it waits for. One per test (the
-// host is process-wide); destroying it shuts the host down, pass or fail.
+// zelvar-host's loop in the test process with the agent from the build tree,
+// after a registry plug-in loaded as "zookeeper" (the name the agent asks for).
+// One per test (the host is process-wide); destroying it shuts the host down.
 #ifndef OVITA2_TESTS_INTEGRATION_AGENT_HOST_H
 #define OVITA2_TESTS_INTEGRATION_AGENT_HOST_H
 
@@ -33,7 +31,7 @@ class AgentHost {
   size_t Count(const std::string& text) const {
     std::string log = LogText();
     size_t count = 0;
-    for (size_t at = log.find(text); at != std::string::npos; at = log.find(text, at + text.size())) ++count;
+    for (size_t at = log.find(text); at != std::string::npos; at = log.find(text, at + 1)) ++count;
     return count;
   }
 
@@ -46,10 +44,8 @@ class AgentHost {
   // so a test need not wait out the routine's interval.
   bool StartMachine(unsigned type) {
     zelvar::StateMachine* machine = zelvar::MachineFactory::Instance()->CreateMachine(type);
-    if (machine == nullptr) return false;
-    machine->SetCreatedByRoutine(true);
-    m_sHost.Runtime().Start(machine);
-    return true;
+    if (machine != nullptr) machine->SetCreatedByRoutine(true), m_sHost.Runtime().Start(machine);
+    return machine != nullptr;
   }
 
  private:

@@ -19,8 +19,7 @@ constexpr unsigned kRegisterMyselfType = 9000000;
 
 std::string LoopbackAddress(int port) {
   zelvar::kadri::NameNodeContent content;
-  content.set_ip("127.0.0.1");
-  content.set_port(port);
+  content.set_ip("127.0.0.1"), content.set_port(port);
   return content.SerializeAsString();
 }
 

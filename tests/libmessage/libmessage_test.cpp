@@ -1,12 +1,12 @@
-// libmessage: the machine runtime, machine types and envelopes.
+// libmessage: the machine runtime and machine types.
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <sstream>
 
 #include "zelvar/long_action.h"
 #include "zelvar/machine_factory.h"
 #include "zelvar/machine_runtime.h"
-#include "zelvar/message_util.h"
 
 namespace zelvar {
 namespace {
@@ -29,14 +29,10 @@ class ScriptedMachine : public StateMachine {
   unsigned StateMachineType() override { return kScriptedType; }
   const char* MachineName() override { return "Scripted"; }
   void PreTranslate(InternalHead_t* head, void*) override { head_ = *head; }
-  int Timeout(bool machineTimeout) override {
-    Note(machineTimeout ? "mt" : "st");
-    return on_timeout;
-  }
+  int Timeout(bool machineTimeout) override { return Note(machineTimeout ? "mt" : "st"), on_timeout; }
   int Handle(void* data) {
     std::string seen = GetStateName() + (head_.flow_no != 0 ? "#" + std::to_string(head_.flow_no) : "");
-    if (head_.event_type == kEventPlugin) seen += ":" + *static_cast<std::string*>(data);
-    if (head_.event_type == kEventPlugin) delete static_cast<std::string*>(data);
+    if (head_.event_type == kEventPlugin) seen += ":" + *std::unique_ptr<std::string>(static_cast<std::string*>(data));
     Note(seen);
     if (g_echo != nullptr) g_echo->PostById(GetMachineId(), PluginEvent(new std::string("echo"), DropText));
     SetState(1);
@@ -116,21 +112,6 @@ TEST(MachineFactoryDeathTest, TwoCreatorsForOneTypeStopTheProcess) {
   MachineCreator create = [] { return static_cast<StateMachine*>(new ScriptedMachine({})); };
   MachineFactory::AddMachine(kScriptedType, create);
   EXPECT_DEATH(MachineFactory::AddMachine(kScriptedType, create), "machine type 4242001 registered twice");
-}
-
-TEST(Envelopes, ARequestNamesItsAskerAndTheResponseGoesBackToIt) {
-  ZMessage request, response;
-  request.mutable_head()->set_dst_machine_id(77);  // left over from an earlier use
-  response.mutable_head()->set_result(9);
-  NewMessage(&request, 41, "s-1", 66015, 0, false, 1234, 0, nullptr, nullptr, nullptr);
-  EXPECT_EQ(request.head().ShortDebugString(),
-            "message_type: 66015 kind: 1 flow_no: 41 session: \"s-1\" src_machine_id: 1234 dst_machine_id: 0 "
-            "owner_machine_id: 1234 result: 0");
-  request.mutable_head()->set_owner_machine_id(66);  // forwarded on another machine's behalf
-  MakeResponse(request, 66016, &response);
-  EXPECT_EQ(response.head().ShortDebugString(),
-            "message_type: 66016 kind: 2 flow_no: 41 session: \"s-1\" src_machine_id: 0 dst_machine_id: 1234 "
-            "owner_machine_id: 66 result: 0");
 }
 
 }  // namespace

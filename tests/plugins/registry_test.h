@@ -31,8 +31,7 @@ class AnswerRecorder : public StateMachine {
   static AnswerRecorder* Start(TestHost& host) {
     [[maybe_unused]] static const bool declared = (SetGlobalStateList2(4290001, kInitialState, &Keep), true);
     auto* recorder = new AnswerRecorder();
-    host.Start(recorder);
-    return recorder;
+    return host.Start(recorder), recorder;
   }
   unsigned StateMachineType() override { return 4290001; }
   const char* MachineName() override { return "AnswerRecorder"; }
@@ -78,8 +77,7 @@ class RegistryConformance : public ::testing::TestWithParam<const char*> {
     ASSERT_TRUE(!awaitReady || m_host.RunLoopUntil([this] { return IsReady(); })) << "never ready";
   }
   void Unload() {
-    if (m_pLibrary != nullptr) Entry<OnUnloadFn>("OnUnload")();
-    if (m_pLibrary != nullptr) dlclose(m_pLibrary);
+    if (m_pLibrary != nullptr) Entry<OnUnloadFn>("OnUnload")(), dlclose(m_pLibrary);
     m_pLibrary = nullptr;
   }
   template <typename Fn>

@@ -20,8 +20,7 @@ struct ZooKeeperUnderTest : RegistryUnderTest {
   }
   void Seed(const std::string& path, const std::string& ip, int port) override {
     kadri::NameNodeContent content;
-    content.set_ip(ip);
-    content.set_port(port);
+    content.set_ip(ip), content.set_port(port);
     ASSERT_EQ(other.CreateWithParents(path, content.SerializeAsString()), ZOK) << path;
   }
 
