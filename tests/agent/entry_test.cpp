@@ -3,7 +3,7 @@
 #include <event2/buffer.h>
 #include <event2/bufferevent.h>
 
-#include <functional>
+#include <tuple>
 
 #include "agent_test.h"
 #include "entry/ovita2_agent.h"
@@ -58,42 +58,36 @@ TEST_F(Entry, EachFrameGoesToTheMachineItNamesOrServesItsType) {
   uint32_t waitingId = host_.Start(waiting).id;
   auto reply = [](uint32_t dst, uint32_t owner) {
     zelvar::ZMessage message;
-    message.mutable_head()->set_message_type(77);
-    message.mutable_head()->set_kind(zelvar::kKindResponse);
+    zelvar::NewMessage(&message, 0, std::string(300000, 's'), 77, 0, false, 0, 0, nullptr, nullptr, nullptr);
+    message.mutable_head()->set_kind(zelvar::kKindResponse);  // its session spans several buffer blocks
     message.mutable_head()->set_dst_machine_id(dst);
     message.mutable_head()->set_owner_machine_id(owner);
-    message.mutable_head()->set_session(std::string(300000, 's'));  // spans several buffer blocks
     return message;
   };
   zelvar::ZMessage request;
   zelvar::NewMessage(&request, 5, "session-1", EchoMachine::kType, 0, false, 0, 0, nullptr, nullptr, nullptr);
-  struct Case {
-    zelvar::ZMessage message;
-    int result;
-    bool toWaiting;
-  };
-  const Case cases[] = {{reply(waitingId, 0), kDataInRouted, true},
-                        {reply(0, waitingId), kDataInRouted, true},
-                        {reply(waitingId + 1000, 0), kDataInError, false},
-                        {request, kDataInRouted, false}};
-  for (const Case& c : cases) {
+  const std::tuple<zelvar::ZMessage, int, zelvar::StateMachine*> cases[] = {
+      {reply(waitingId, 0), kDataInRouted, waiting}, {reply(0, waitingId), kDataInRouted, waiting},
+      {reply(waitingId + 1000, 0), kDataInError, nullptr}, {request, kDataInRouted, nullptr}};
+  size_t trailing = 0;
+  for (const auto& [sent, result, target] : cases) {
     TestPeer& peer = host_.Accept("10.0.0.5", 7000);
-    std::string next(static_cast<size_t>(&c - cases), '\x01');  // the start of a next frame stays
-    peer.WriteRaw(Frame(c.message) + next);
+    std::string next(trailing++, '\x01');  // the start of a next frame stays
+    peer.WriteRaw(Frame(sent) + next);
     zelvar::ZMessage* message = nullptr;
     zelvar::StateMachine* machine = nullptr;
-    ASSERT_EQ(DataIn(peer, &message, &machine), c.result);
+    ASSERT_EQ(DataIn(peer, &message, &machine), result);
     EXPECT_EQ(Buffered(peer), next.size());
-    if (c.result != kDataInRouted) continue;
-    EXPECT_EQ(message->SerializeAsString(), c.message.SerializeAsString());
-    EXPECT_EQ(machine == waiting, c.toWaiting);
-    if (!c.toWaiting) {
-      auto* served = dynamic_cast<EchoMachine*>(machine);
-      ASSERT_NE(served, nullptr);
-      EXPECT_EQ(served->ReplyConnA(), peer.ConnA());
-      EXPECT_EQ(served->ReplyConnB(), peer.ConnB());
+    if (result != kDataInRouted) continue;
+    EXPECT_EQ(message->SerializeAsString(), sent.SerializeAsString());
+    auto* served = dynamic_cast<EchoMachine*>(machine);
+    ASSERT_NE(served, nullptr);
+    if (target == nullptr) {
+      EXPECT_NE(served, waiting);
+      EXPECT_EQ(served->ReplyConnA() * 1000 + served->ReplyConnB(), peer.ConnA() * 1000 + peer.ConnB());
       host_.Start(served);
     }
+    EXPECT_EQ(served == waiting, target == waiting);
     host_.PostMessage(machine, message);
     host_.RunPending();
   }
@@ -109,28 +103,16 @@ int HookInit(void*) { return ++g_hookCalls, 7; }
 int HookConn(uint64_t a, uint64_t b) { return ++g_hookCalls, static_cast<int>(a * 10 + b); }
 
 TEST_F(Entry, AHookReplacesItsEntryPointUnlessItIsTheEntryPointItself) {
-  struct Case {
-    const char* line;
-    std::function<void(bool self)> setHook;
-    std::function<int()> call;
-    int hookResult;
-  };
-  const Case cases[] = {
-      {"OnInit entry", [](bool self) { fn_usr_OnInit = self ? &OnInit : &HookInit; },
-       [] { return OnInit(nullptr); }, 7},
-      {"OnConnect entry", [](bool self) { fn_usr_OnConnect = self ? &OnConnect : &HookConn; },
-       [] { return OnConnect(3, 4); }, 34},
-      {"OnDisconnect entry", [](bool self) { fn_usr_OnDisconnect = self ? &OnDisconnect : &HookConn; },
-       [] { return OnDisconnect(5, 6); }, 56},
-  };
-  for (const Case& c : cases) {
-    for (bool self : {false, true}) {
-      c.setHook(self);
-      g_hookCalls = 0;
-      host_.ClearLog();
-      EXPECT_EQ(c.call(), self ? 0 : c.hookResult) << c.line;
-      EXPECT_EQ(g_hookCalls, self ? 0 : 1) << c.line;
-      EXPECT_EQ(host_.Logged(c.line), self) << c.line;
+  for (bool self : {false, true}) {
+    fn_usr_OnInit = self ? &OnInit : &HookInit;
+    fn_usr_OnConnect = self ? &OnConnect : &HookConn;
+    fn_usr_OnDisconnect = self ? &OnDisconnect : &HookConn;
+    g_hookCalls = 0;
+    host_.ClearLog();
+    EXPECT_EQ(OnInit(nullptr) + OnConnect(3, 4) * 10 + OnDisconnect(5, 6) * 1000, self ? 0 : 7 + 340 + 56000);
+    EXPECT_EQ(g_hookCalls, self ? 0 : 3);
+    for (const char* line : {"OnInit entry", "OnConnect entry", "OnDisconnect entry"}) {
+      EXPECT_EQ(host_.Logged(line), self) << line;
     }
   }
 }

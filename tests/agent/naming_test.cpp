@@ -94,15 +94,12 @@ TEST_F(RegisterMyself, CreatesTheEphemeralNodeThenWatchesItAndForgetsItWhenItMay
     uint32_t id = Run();
     const RegistryCall& create = host_.Registry().LastCall();
     EXPECT_EQ(create.command + create.path, "create/agents/a7");
-    EXPECT_EQ(create.data, Address("10.1.1.1", 9300).SerializeAsString());
-    EXPECT_EQ(create.flags, ZOO_EPHEMERAL);
+    EXPECT_TRUE(create.data == Address("10.1.1.1", 9300).SerializeAsString() && create.flags == ZOO_EPHEMERAL);
     EXPECT_EQ(host_.Registry().Calls().front().callback, &conn_callback_myself);
     Answer(createResult);
-    EXPECT_EQ(host_.Registry().LastCall().command, "get");
-    EXPECT_EQ(host_.Registry().LastCall().watcher, &myself_watcher_fn);
+    EXPECT_TRUE(host_.Registry().LastCall().command == "get" && host_.Registry().LastCall().watcher == &myself_watcher_fn);
     Answer(ZOK);
-    EXPECT_FALSE(host_.IsAlive(id));
-    EXPECT_TRUE(RegisterMyselfMachine::m_bRegister);
+    EXPECT_TRUE(!host_.IsAlive(id) && RegisterMyselfMachine::m_bRegister);
   }
   size_t calls = host_.Registry().Calls().size();
   Run();
@@ -154,30 +151,17 @@ void FillReply(zelvar::ZMessage* reply, const Extension& extension, int code, co
 struct Lookup {
   const char* service;
   zelvar::StateMachine* (*create)();
-  bool spendsFlowWithoutService;  // the flow number is taken before the service is resolved
+  bool isTaskQueue;  // else the aggregation lookup, which takes its flow number before resolving its service
   unsigned replyType;
-  void (*fill)(zelvar::ZMessage* reply, int code, const std::string& name);
-  std::string (*kept)();
 };
-
-const Lookup kLookups[] = {
-    {"MASTER", UpdateTaskQueueCreateMySelf, false, 67001,
-     [](zelvar::ZMessage* reply, int code, const std::string& name) {
-       FillReply(reply, zelvar::ovita2::get_task_queue_response, code, name);
-     },
-     [] { return g_strTQName + "@" + g_strTQIP; }},
-    {"TELLAR2_ACCESS", UpdateAggregationCreateMySelf, true, 66001,
-     [](zelvar::ZMessage* reply, int code, const std::string& name) {
-       FillReply(reply, zelvar::ovita2::get_aggregation_response, code, name);
-     },
-     [] { return g_strAggrName + "@" + g_strAggrIP; }},
-};
+const Lookup kLookups[] = {{"MASTER", UpdateTaskQueueCreateMySelf, true, 67001},
+                           {"TELLAR2_ACCESS", UpdateAggregationCreateMySelf, false, 66001}};
 
 TEST_F(Naming, LookupWithoutAnInstanceSpendsAFlowNumberOnlyIfItTakesItFirst) {
   for (const Lookup& lookup : kLookups) {
     unsigned before = BEVMachineUtil::Flowno();
     EXPECT_FALSE(host_.IsAlive(host_.Start(lookup.create()).id));
-    EXPECT_EQ(BEVMachineUtil::Flowno() - before, lookup.spendsFlowWithoutService ? 2u : 1u) << lookup.service;
+    EXPECT_EQ(BEVMachineUtil::Flowno() - before, lookup.isTaskQueue ? 1u : 2u) << lookup.service;
   }
 }
 
@@ -200,12 +184,13 @@ TEST_F(Naming, LookupRepliesAreReadAndEveryReplyIsGivenBack) {
       EXPECT_EQ(request.head().message_type(), lookup.replyType - 1);
       EXPECT_NE(request.body().ShortDebugString().find("\"/agents/a7\""), std::string::npos);
       zelvar::ZMessage reply = ReplyTo(request, lookup.replyType);
-      lookup.fill(&reply, step.code, step.name);
+      if (lookup.isTaskQueue) FillReply(&reply, zelvar::ovita2::get_task_queue_response, step.code, step.name);
+      if (!lookup.isTaskQueue) FillReply(&reply, zelvar::ovita2::get_aggregation_response, step.code, step.name);
       host_.Peer("10.0.0.1", 9100).Send(reply);
       host_.RunPending();
       EXPECT_EQ(host_.Releases(host_.LastRouted()), 1) << lookup.service << " " << step.code << step.name;
-      EXPECT_EQ(lookup.kept(), lookup.create == UpdateTaskQueueCreateMySelf ? step.taskQueueKeeps
-                                                                           : step.aggregationKeeps);
+      EXPECT_EQ(lookup.isTaskQueue ? g_strTQName + "@" + g_strTQIP : g_strAggrName + "@" + g_strAggrIP,
+                lookup.isTaskQueue ? step.taskQueueKeeps : step.aggregationKeeps);
     }
   }
 }

@@ -93,12 +93,8 @@ bool ReadAvailable(int fd, std::string* sink) {
   char buffer[65536];
   for (;;) {
     ssize_t n = recv(fd, buffer, sizeof buffer, MSG_DONTWAIT);
-    if (n > 0) {
-      sink->append(buffer, static_cast<size_t>(n));
-      continue;
-    }
-    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) return true;
-    return false;
+    if (n <= 0) return n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR);
+    sink->append(buffer, static_cast<size_t>(n));
   }
 }
 

@@ -3,8 +3,9 @@
 #include <event2/event.h>
 #include <regex.h>
 
-#include <cstdarg>
 #include <algorithm>
+#include <chrono>
+#include <cstdarg>
 #include <cstdlib>
 
 #include "zelvar/machine_factory.h"
@@ -197,15 +198,6 @@ void TestHost::CompleteLongAction(uint32_t flowNo, const std::string& output, co
   std::abort();
 }
 
-}  // namespace testing
-}  // namespace ovita2
-
-// ===== registry plug-ins: a real event loop, undelivered records ======================
-#include <chrono>
-
-namespace ovita2 {
-namespace testing {
-
 bool TestHost::RunLoopUntil(const std::function<bool()>& done, int limitMs) {
   auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(limitMs);
   // Bounds each wait, so that `done` is looked at even when the loop is idle.
@@ -232,4 +224,3 @@ int TestHost::DeliverCountingUndelivered(unsigned machineId, void* record, void 
 
 }  // namespace testing
 }  // namespace ovita2
-// ===== end of the registry plug-ins' block ============================================

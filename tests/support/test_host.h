@@ -155,10 +155,9 @@ class TestHost {
   FakeRegistry m_cRegistry;
   bool m_bRegistryAvailable = true;
 
-  // ===== registry plug-ins: a real event loop, undelivered records ====================
+ public:
   // A registry plug-in's sockets and timers live on GetEventBase's loop, in real
   // time (machine timeouts stay on the simulated clock).
- public:
   // Turns the loop, running the deliveries it queued, until `done` holds or
   // `limitMs` of real time passed. Returns done().
   bool RunLoopUntil(const std::function<bool()>& done, int limitMs = 15000);
@@ -170,7 +169,6 @@ class TestHost {
  private:
   static int DeliverCountingUndelivered(unsigned machineId, void* record, void (*drop)(void*));
   size_t m_uUndeliveredRecords = 0;
-  // ===== end of the registry plug-ins' block ==========================================
 };
 
 }  // namespace testing
