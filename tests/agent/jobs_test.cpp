@@ -159,10 +159,11 @@ TEST_F(ExecuteJobs, NumericOutputIsKeptInTenthsWithinTheInt64Range) {
   for (uint32_t job = 0; job < 6; ++job) EXPECT_EQ(g_vecUpper[job].value, cases[job].second) << cases[job].first;
 }
 
-TEST_F(Jobs, SenderEmptiesBothQueuesIntoOneRequestEach) {
+TEST_F(Jobs, SenderEmptiesBothQueuesIntoOneRequestEachHoweverLarge) {
   g_strAggrIP = "10.4.0.1";
   g_iAggrPort = 9400;
   g_vecUpper = {_stats_info{"a", 1, 2, 30, 0}, _stats_info{"b", 3, 4, -5, 0}};
+  g_vecUpper.resize(10000, _stats_info{"many", 5, 6, 7, 0});  // an envelope of many output blocks
   g_vecStringUpper = {string_stats_info_st{"c", 9, "up\n", 1700000000}};
   host_.Start(new SendUpperMachine());
   EXPECT_TRUE(g_vecUpper.empty() && g_vecStringUpper.empty());
@@ -171,7 +172,7 @@ TEST_F(Jobs, SenderEmptiesBothQueuesIntoOneRequestEach) {
   EXPECT_EQ(numbers.head().message_type() * 100000 + texts.head().message_type(), 61030u * 100000 + 61032u);
   const auto& stats = numbers.body().GetExtension(zelvar::tellar2::record_stats_request).stats();
   const auto& lines = texts.body().GetExtension(zelvar::tellar2::record_string_stats_request).stats();
-  ASSERT_EQ(stats.size() * 10 + lines.size(), 21);
+  ASSERT_EQ(stats.size() * 10 + lines.size(), 100001);
   EXPECT_EQ(stats[1].ShortDebugString(), "name: \"b\" object_id: 3 stat_item: 4 value: -5");
   EXPECT_EQ(lines[0].ShortDebugString(), "name: \"c\" job_id: 9 value: \"up\\n\" time: 1700000000");
 }
