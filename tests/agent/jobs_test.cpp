@@ -163,7 +163,7 @@ TEST_F(Jobs, SenderEmptiesBothQueuesIntoOneRequestEachHoweverLarge) {
   g_strAggrIP = "10.4.0.1";
   g_iAggrPort = 9400;
   g_vecUpper = {_stats_info{"a", 1, 2, 30, 0}, _stats_info{"b", 3, 4, -5, 0}};
-  g_vecUpper.resize(10000, _stats_info{"many", 5, 6, 7, 0});  // an envelope of many output blocks
+  g_vecUpper.resize(10000, _stats_info{std::string(60, 'k'), 5, 6, 7, 0});  // many output blocks
   g_vecStringUpper = {string_stats_info_st{"c", 9, "up\n", 1700000000}};
   host_.Start(new SendUpperMachine());
   EXPECT_TRUE(g_vecUpper.empty() && g_vecStringUpper.empty());
