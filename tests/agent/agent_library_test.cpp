@@ -12,22 +12,14 @@
 
 namespace {
 
-using ovita2::testing::PluginEntries;
-using ovita2::testing::TestHost;
-
-template <typename Fn>
-Fn Symbol(void* library, const char* name) {
-  return reinterpret_cast<Fn>(dlsym(library, name));
-}
-
 TEST(AgentLibrary, RoutinesStartInTheirOrderOnePerTickThenOnTheirIntervals) {
   void* library = dlopen(AGENT_LIBRARY_PATH, RTLD_NOW | RTLD_LOCAL);
   ASSERT_NE(library, nullptr) << dlerror();
-  PluginEntries agent;
-  agent.peek = Symbol<decltype(agent.peek)>(library, "OnPeekInterface");
-  agent.routine = Symbol<decltype(agent.routine)>(library, "OnRoutine");
+  ovita2::testing::PluginEntries agent;
+  agent.peek = reinterpret_cast<decltype(agent.peek)>(dlsym(library, "OnPeekInterface"));
+  agent.routine = reinterpret_cast<decltype(agent.routine)>(dlsym(library, "OnRoutine"));
   ASSERT_TRUE(agent.peek != nullptr && agent.routine != nullptr);
-  TestHost host(agent);
+  ovita2::testing::TestHost host(agent);
 
   // What OnRoutine starts on each of `ticks` calls at the present time.
   auto startedBy = [&](int ticks) {

@@ -1,5 +1,5 @@
-// What every agent test shares: a fresh process state, a test host, builders
-// of addresses and replies.
+// What every agent test shares: a fresh process state, a test host, a builder
+// of addresses.
 #ifndef OVITA2_TESTS_AGENT_AGENT_TEST_H
 #define OVITA2_TESTS_AGENT_AGENT_TEST_H
 
@@ -31,17 +31,11 @@ class AgentTest : public ::testing::Test {
 
   static zelvar::kadri::NameNodeContent Address(const std::string& ip, int port) {
     zelvar::kadri::NameNodeContent content;
-    content.set_ip(ip);
-    content.set_port(port);
+    content.set_ip(ip), content.set_port(port);
     return content;
   }
   static void AddInstance(const std::string& name, const std::string& ip, int port) {
     NameContainer::Instance()->SetNameValue(name, name + "-" + ip, Address(ip, port));
-  }
-  static zelvar::ZMessage ReplyTo(const zelvar::ZMessage& request, unsigned type) {
-    zelvar::ZMessage reply;
-    zelvar::MakeResponse(request, static_cast<int>(type), &reply);
-    return reply;
   }
 
   TestHost host_;

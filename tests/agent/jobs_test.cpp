@@ -1,6 +1,9 @@
 // The job pipeline: the catalogue, fetching it from the task queue, running
 // due jobs into samples, and sending the samples upward.
+#include <google/protobuf/text_format.h>
+
 #include <limits>
+#include <tuple>
 
 #include "agent_test.h"
 #include "entry/ovita2_agent.h"
@@ -20,15 +23,13 @@ namespace {
 
 using Jobs = AgentTest;
 
-zelvar::ovita2::JobDescription* AddJob(zelvar::ovita2::GetJobResponse* list, uint32_t object, uint32_t job,
-                                       uint32_t interval) {
-  zelvar::ovita2::ObjectJob* entry = list->add_object_jobs();
-  entry->set_object_id(object);
-  entry->mutable_job()->set_job_id(job);
-  entry->mutable_job()->set_interval(interval);
-  entry->mutable_job()->set_stat_key("key" + std::to_string(job));
-  entry->mutable_job()->set_command("cmd" + std::to_string(job));
-  return entry->mutable_job();
+// Job `job` of `object`, run as "cmd<job>" into "key<job>", with `more` fields of the job.
+void AddJob(zelvar::ovita2::GetJobResponse* list, uint32_t object, uint32_t job, uint32_t interval,
+            const std::string& more = "") {
+  std::string text = "object_id: " + std::to_string(object) + " job { job_id: " + std::to_string(job) +
+                     " interval: " + std::to_string(interval) + " stat_key: 'key" + std::to_string(job) +
+                     "' command: 'cmd" + std::to_string(job) + "' " + more + " }";
+  EXPECT_TRUE(google::protobuf::TextFormat::ParseFromString(text, list->add_object_jobs())) << text;
 }
 
 TEST_F(Jobs, ARefreshKeepsTheLastRunOfJobsThatStay) {
@@ -57,14 +58,13 @@ class UpdateJobs : public AgentTest {
 };
 
 TEST_F(UpdateJobs, FetchesWhenAskedElseOnceInAHundredAndOneRunsCountedEvenWithoutATaskQueue) {
+  host_.SetConfig("common", "agentname", "agent-7");
   for (int run = 0; run < UpdateJobsMachine::kSkippedRuns; ++run) EXPECT_FALSE(Run());
   g_strTQIP = "10.3.0.1";
   g_iTQPort = 9200;
   EXPECT_TRUE(Run()) << "the skipped runs were counted while no task queue was known";
   EXPECT_FALSE(Run());
   g_need_updatejobs = true;
-  EXPECT_TRUE(Run());
-  host_.SetConfig("common", "agentname", "agent-7");
   EXPECT_TRUE(Run());
   EXPECT_EQ(request_.head().message_type(), UpdateJobsMachine::kRequestType);
   EXPECT_EQ(request_.body().GetExtension(zelvar::ovita2::get_job_request).agent_name(), "agent-7");
@@ -74,21 +74,18 @@ TEST_F(UpdateJobs, OnlyAListWithJobsReplacesTheScheduleAndEveryReplyIsGivenBack)
   g_strTQIP = "10.3.0.1";
   g_iTQPort = 9200;
   g_need_updatejobs = true;
-  struct Case {
-    int code;
-    uint32_t jobs;
-    size_t objectsAfter;
-  };
-  for (const Case& c : {Case{0, 2, 2}, Case{5, 3, 2}, Case{0, 0, 2}, Case{0, 1, 1}}) {
+  const std::tuple<int, uint32_t, size_t> cases[] = {{0, 2, 2}, {5, 3, 2}, {0, 0, 2}, {0, 1, 1}};
+  for (const auto& [code, jobs, objectsAfter] : cases) {
     ASSERT_TRUE(Run());
-    zelvar::ZMessage reply = ReplyTo(request_, 68001);
+    zelvar::ZMessage reply;
+    zelvar::MakeResponse(request_, 68001, &reply);
     auto* list = reply.mutable_body()->MutableExtension(zelvar::ovita2::get_job_response);
-    list->mutable_rc()->set_code(c.code);
-    for (uint32_t object = 1; object <= c.jobs; ++object) AddJob(list, object, 1, 60);
+    list->mutable_rc()->set_code(code);
+    for (uint32_t object = 1; object <= jobs; ++object) AddJob(list, object, 1, 60);
     host_.Peer("10.3.0.1", 9200).Send(reply);
     host_.RunPending();
-    EXPECT_EQ(host_.Releases(host_.LastRouted()), 1) << c.code << "/" << c.jobs;
-    EXPECT_EQ(JobContainer::Instance()->GetObjectJobs().size(), c.objectsAfter);
+    EXPECT_EQ(host_.Releases(host_.LastRouted()), 1) << code << "/" << jobs;
+    EXPECT_EQ(JobContainer::Instance()->GetObjectJobs().size(), objectsAfter);
   }
 }
 
@@ -115,10 +112,10 @@ class ExecuteJobs : public AgentTest {
 
 TEST_F(ExecuteJobs, APassRunsTheDueJobsObjectByObjectIntoTheirSamples) {
   zelvar::ovita2::GetJobResponse list;
-  AddJob(&list, 1, 1, 60)->set_command_args("-x");
+  AddJob(&list, 1, 1, 60, "command_args: '-x'");
   AddJob(&list, 1, 2, 59);  // below the high-precision frequency: not ours
-  AddJob(&list, 2, 3, 60)->set_string_value(1);
-  AddJob(&list, 2, 4, 60)->set_second_phase(1);
+  AddJob(&list, 2, 3, 60, "string_value: 1");
+  AddJob(&list, 2, 4, 60, "second_phase: 1");
   AddJob(&list, 2, 5, 60);
   JobContainer::Instance()->UpdateJobs(list);
   uint32_t pass = Run();

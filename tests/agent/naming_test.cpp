@@ -1,5 +1,6 @@
 // The name service: the container, the registry handle, refreshing the
 // instances, registering this agent, and the two lookups built on names.
+#include <google/protobuf/text_format.h>
 #include <zookeeper/zookeeper.h>
 
 #include <tuple>
@@ -51,18 +52,16 @@ int g_refreshes = 0;
 
 TEST_F(Naming, RefreshListsEveryNameAndKeepsWhatItCannotLearn) {
   NameContainer* names = NameContainer::Instance();
-  names->DefineName("A", "/a");
-  names->DefineName("B", "/b");
-  names->DefineName("C", "/c");
+  for (std::string name : {"A", "B", "C"}) names->DefineName(name, "/" + name);
   AddInstance("A", "10.0.0.8", 1);  // gone from the listing below
   AddInstance("B", "10.0.0.9", 1);
   names->SetUpdateHook([] { ++g_refreshes; });
   uint32_t id = host_.Start(new UpdateNamesMachine()).id;
   FakeRegistry& registry = host_.Registry();
-  ASSERT_EQ(registry.LastCall().path, "/a");
+  ASSERT_EQ(registry.LastCall().path, "/A");
   registry.Answer(registry.LastCall(), 0, {{"a1", Address("10.0.0.1", 11).SerializeAsString()}, {"bad", "\xff"}});
   host_.RunPending();
-  ASSERT_EQ(registry.LastCall().path, "/b");
+  ASSERT_EQ(registry.LastCall().path, "/B");
   registry.SetCommandResult("listvalue", ZCONNECTIONLOSS);
   registry.Answer(registry.LastCall(), ZNONODE);  // an error answer: B keeps its instance
   host_.RunPending();
@@ -89,17 +88,25 @@ class RegisterMyself : public AgentTest {
 };
 
 TEST_F(RegisterMyself, CreatesTheEphemeralNodeThenWatchesItAndForgetsItWhenItMayBeGone) {
-  for (int createResult : {ZOK, ZNODEEXISTS}) {
-    ResetAgentState();
+  // The create's and the get's answers, and whether the agent is registered after them.
+  const std::tuple<int, int, bool> answers[] = {
+      {ZCONNECTIONLOSS, ZOK, false}, {ZOK, ZCONNECTIONLOSS, false}, {ZNODEEXISTS, ZOK, true}, {ZOK, ZOK, true}};
+  for (const auto& [created, watched, registered] : answers) {
+    RegisterMyselfMachine::m_bRegister = false;
     uint32_t id = Run();
     const RegistryCall& create = host_.Registry().LastCall();
     EXPECT_EQ(create.command + create.path, "create/agents/a7");
     EXPECT_TRUE(create.data == Address("10.1.1.1", 9300).SerializeAsString() && create.flags == ZOO_EPHEMERAL);
     EXPECT_EQ(host_.Registry().Calls().front().callback, &conn_callback_myself);
-    Answer(createResult);
-    EXPECT_TRUE(host_.Registry().LastCall().command == "get" && host_.Registry().LastCall().watcher == &myself_watcher_fn);
-    Answer(ZOK);
-    EXPECT_TRUE(!host_.IsAlive(id) && RegisterMyselfMachine::m_bRegister);
+    Answer(created);
+    if (created != ZCONNECTIONLOSS) {
+      const RegistryCall& get = host_.Registry().LastCall();
+      EXPECT_TRUE(get.command == "get" && get.watcher == &myself_watcher_fn);
+      Answer(watched);
+    }
+    EXPECT_FALSE(host_.IsAlive(id));
+    EXPECT_EQ(RegisterMyselfMachine::m_bRegister, registered) << created << "/" << watched;
+    EXPECT_EQ(RegisterMyselfMachine::m_sLock.locked, 0) << "a run that ended leaves the lock free";
   }
   size_t calls = host_.Registry().Calls().size();
   Run();
@@ -116,20 +123,9 @@ TEST_F(RegisterMyself, CreatesTheEphemeralNodeThenWatchesItAndForgetsItWhenItMay
   EXPECT_FALSE(RegisterMyselfMachine::m_bRegister) << "a new session may have lost the node";
 }
 
-TEST_F(RegisterMyself, FailureAtAnyStepLeavesItUnregisteredAndUnlocked) {
-  for (int failedStep = 0; failedStep < 2; ++failedStep) {
-    Run();
-    if (failedStep == 1) Answer(ZOK);
-    Answer(ZCONNECTIONLOSS);
-    EXPECT_FALSE(RegisterMyselfMachine::m_bRegister);
-    EXPECT_EQ(RegisterMyselfMachine::m_sLock.locked, 0) << failedStep;
-  }
-}
-
 TEST_F(RegisterMyself, TheLockIsTakenBeforeReadinessOrTheFlagIsLookedAt) {
-  for (bool notReady : {true, false}) {
+  for (bool notReady : {false, true}) {
     ResetAgentState();
-    host_.SetReady(true);
     Run();  // holds the lock while its node is being created
     host_.SetReady(!notReady);
     RegisterMyselfMachine::m_bRegister = !notReady;
@@ -140,22 +136,15 @@ TEST_F(RegisterMyself, TheLockIsTakenBeforeReadinessOrTheFlagIsLookedAt) {
   }
 }
 
-template <typename Extension>
-void FillReply(zelvar::ZMessage* reply, const Extension& extension, int code, const std::string& name) {
-  auto* response = reply->mutable_body()->MutableExtension(extension);
-  response->mutable_rc()->set_code(code);
-  response->set_name(name);
-  response->set_ip(name.empty() ? "" : "10.9.0." + name);
-}
-
 struct Lookup {
   const char* service;
   zelvar::StateMachine* (*create)();
   bool isTaskQueue;  // else the aggregation lookup, which takes its flow number before resolving its service
   unsigned replyType;
+  const char* reply;
 };
-const Lookup kLookups[] = {{"MASTER", UpdateTaskQueueCreateMySelf, true, 67001},
-                           {"TELLAR2_ACCESS", UpdateAggregationCreateMySelf, false, 66001}};
+const Lookup kLookups[] = {{"MASTER", UpdateTaskQueueCreateMySelf, true, 67001, "get_task_queue_response"},
+                           {"TELLAR2_ACCESS", UpdateAggregationCreateMySelf, false, 66001, "get_aggregation_response"}};
 
 TEST_F(Naming, LookupWithoutAnInstanceSpendsAFlowNumberOnlyIfItTakesItFirst) {
   for (const Lookup& lookup : kLookups) {
@@ -166,31 +155,29 @@ TEST_F(Naming, LookupWithoutAnInstanceSpendsAFlowNumberOnlyIfItTakesItFirst) {
 }
 
 TEST_F(Naming, LookupRepliesAreReadAndEveryReplyIsGivenBack) {
-  struct Step {
-    int code;
-    const char* name;
-    const char* taskQueueKeeps;  // a known queue keeps its first address
-    const char* aggregationKeeps;
-  };
-  const Step steps[] = {{0, "1", "1@10.9.0.1", "1@10.9.0.1"}, {5, "2", "1@10.9.0.1", "1@10.9.0.1"},
-                        {0, "", "1@10.9.0.1", "@"}, {0, "3", "3@10.9.0.3", "3@10.9.0.3"}};
+  // The reply, then what each lookup keeps: a known task queue keeps its first address.
+  const std::tuple<const char*, const char*, const char*> steps[] = {
+      {"rc { code: 0 } name: '1' ip: '10.9.0.1'", "1@10.9.0.1", "1@10.9.0.1"},
+      {"rc { code: 5 } name: '2' ip: '10.9.0.2'", "1@10.9.0.1", "1@10.9.0.1"},
+      {"rc { code: 0 }", "1@10.9.0.1", "@"}, {"rc { code: 0 } name: '3' ip: '10.9.0.3'", "3@10.9.0.3", "3@10.9.0.3"}};
   host_.SetConfig("common", "myname", "/agents/a7");
   for (const Lookup& lookup : kLookups) {
     AddInstance(lookup.service, "10.0.0.1", 9100);
-    for (const Step& step : steps) {
+    for (const auto& [answer, taskQueueKeeps, aggregationKeeps] : steps) {
       host_.Start(lookup.create());
       zelvar::ZMessage request;
       ASSERT_TRUE(host_.Peer("10.0.0.1", 9100).ReadFrame(&request));
       EXPECT_EQ(request.head().message_type(), lookup.replyType - 1);
       EXPECT_NE(request.body().ShortDebugString().find("\"/agents/a7\""), std::string::npos);
-      zelvar::ZMessage reply = ReplyTo(request, lookup.replyType);
-      if (lookup.isTaskQueue) FillReply(&reply, zelvar::ovita2::get_task_queue_response, step.code, step.name);
-      if (!lookup.isTaskQueue) FillReply(&reply, zelvar::ovita2::get_aggregation_response, step.code, step.name);
+      zelvar::ZMessage reply;
+      zelvar::MakeResponse(request, static_cast<int>(lookup.replyType), &reply);
+      std::string body = std::string("[zelvar.ovita2.") + lookup.reply + "] { " + answer + " }";
+      ASSERT_TRUE(google::protobuf::TextFormat::MergeFromString(body, reply.mutable_body()));
       host_.Peer("10.0.0.1", 9100).Send(reply);
       host_.RunPending();
-      EXPECT_EQ(host_.Releases(host_.LastRouted()), 1) << lookup.service << " " << step.code << step.name;
+      EXPECT_EQ(host_.Releases(host_.LastRouted()), 1) << body;
       EXPECT_EQ(lookup.isTaskQueue ? g_strTQName + "@" + g_strTQIP : g_strAggrName + "@" + g_strAggrIP,
-                lookup.isTaskQueue ? step.taskQueueKeeps : step.aggregationKeeps);
+                lookup.isTaskQueue ? taskQueueKeeps : aggregationKeeps);
     }
   }
 }

@@ -20,7 +20,6 @@ namespace {
 
 namespace ov = zelvar::ovita2;
 namespace tl = zelvar::tellar2;
-using ovita2::testing::AgentHost;
 
 // Control-plane services on one loopback port, answering as the real ones do
 // and keeping every request. Served between the host loop's turns, so the one
@@ -113,7 +112,7 @@ class AgentInHost : public ::testing::Test {
 
   FakeServices services;  // master and statistics access, found by name
   FakeServices queue;     // task queue and aggregation, named by the two above
-  AgentHost agent{EMBEDDED_REGISTRY_PATH, Sections()};
+  ovita2::testing::AgentHost agent{EMBEDDED_REGISTRY_PATH, Sections()};
 };
 
 TEST_F(AgentInHost, CounterRatesSecondPhasesAndHeartbeatsReachTheirServices) {
@@ -141,8 +140,7 @@ TEST_F(AgentInHost, CounterRatesSecondPhasesAndHeartbeatsReachTheirServices) {
   EXPECT_EQ(agent.Count("failed"), 0u) << agent.LogText();
   ASSERT_TRUE(UntilAsked(queue, ov::AGENT_HEART_BEAT_REQUEST));
   const auto& beat = queue.First(ov::AGENT_HEART_BEAT_REQUEST).GetExtension(ov::agent_heart_beat_request);
-  EXPECT_EQ(beat.agent_name(), "it");
-  EXPECT_EQ(beat.version(), "1.0.13");
+  EXPECT_EQ(beat.agent_name() + " " + beat.version(), "it 1.0.13");
 
   // Five host seconds a round, slow enough in real time for every command to
   // answer within its machine's timeout.

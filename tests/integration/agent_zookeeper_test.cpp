@@ -10,10 +10,6 @@
 
 namespace {
 
-using ovita2::testing::AgentHost;
-using zelvar::registry::testing::ZkTestClient;
-using zelvar::registry::testing::ZooKeeperTestServer;
-
 constexpr unsigned kUpdateNamesType = 55900;
 constexpr unsigned kRegisterMyselfType = 9000000;
 
@@ -24,19 +20,19 @@ std::string LoopbackAddress(int port) {
 }
 
 TEST(AgentZooKeeper, KeepsItsEphemeralNodeAndFollowsTheInstancesOfItsNames) {
-  ZooKeeperTestServer server;
+  zelvar::registry::testing::ZooKeeperTestServer server;
   std::string error;
   ASSERT_TRUE(server.Start(&error)) << error;
-  ZkTestClient outside;
+  zelvar::registry::testing::ZkTestClient outside;
   ASSERT_TRUE(outside.Connect(server.Address()));
   ASSERT_EQ(outside.CreateWithParents("/ovita2/names/MASTER/m1", LoopbackAddress(7100)), ZOK);
   ASSERT_EQ(outside.Create("/ovita2/agents", "", ZOO_PERSISTENT), ZOK);
 
   int port = ovita2::testing::FreeLoopbackPort();
-  AgentHost agent(ZOOKEEPER_REGISTRY_PATH,
-                  "[zookeeper]\nhosts = " + server.Address() + "\nsession_timeout_ms = 4000\n"
-                  "[network]\nlisten-ip = 127.0.0.1\nlisten-port = " + std::to_string(port) +
-                  "\n[common]\nmyname = /ovita2/agents/a1\n[names]\nMASTER = /ovita2/names/MASTER\n");
+  ovita2::testing::AgentHost agent(ZOOKEEPER_REGISTRY_PATH,
+                                  "[zookeeper]\nhosts = " + server.Address() + "\nsession_timeout_ms = 4000\n"
+                                  "[network]\nlisten-ip = 127.0.0.1\nlisten-port = " + std::to_string(port) +
+                                  "\n[common]\nmyname = /ovita2/agents/a1\n[names]\nMASTER = /ovita2/names/MASTER\n");
   ASSERT_TRUE(agent.ok()) << agent.error();
   ASSERT_TRUE(agent.RunUntil([&] { return agent.host().IsReady(); }, 10.0)) << agent.LogText();
   ASSERT_TRUE(agent.StartMachine(kUpdateNamesType) && agent.StartMachine(kRegisterMyselfType));
