@@ -25,33 +25,22 @@ using namespace std::string_literals;
 
 // A host loop in this process with the probe loaded as "probe", logging at
 // level 1 to host.log in its folder; `extra` is appended to the configuration.
-class ProbeHost {
- public:
+struct ProbeHost {
   explicit ProbeHost(const std::string& extra = std::string()) {
     std::string config = "[host]\nlog_file = host.log\nlog_level = 1\n[plugins]\nprobe = " PROBE_PLUGIN_PATH "\n";
-    if (m_sHost.Init(m_sDir.Write("host.ini", config + extra), &m_strError)) {
-      m_pProbe = static_cast<probe::Control*>(m_sHost.GetPluginHandle("probe"));
-    }
+    if (host.Init(dir.Write("host.ini", config + extra), &error))
+      control = static_cast<probe::Control*>(host.GetPluginHandle("probe"));
   }
-  bool ok() const { return m_pProbe != nullptr; }
-  const std::string& error() const { return m_strError; }
-  zelvar_host::Host& host() { return m_sHost; }
-  probe::Control& probe() { return *m_pProbe; }
-  const TempDir& dir() const { return m_sDir; }
-  std::string LogText() const { return ReadFile(m_sDir.Path() + "/host.log"); }
-  bool RunUntil(const std::function<bool()>& done) { return m_sHost.RunUntil(done, 30.0); }
+  probe::Control& probe() { return *control; }
+  bool RunUntil(const std::function<bool()>& done) { return host.RunUntil(done, 30.0); }
   template <typename Fn>
-  Fn Slot(zelvar::HostSlot slot) const {
-    return zelvar::HostSlotAs<Fn>(m_sHost.Table(), slot);
-  }
+  Fn Slot(zelvar::HostSlot slot) const { return zelvar::HostSlotAs<Fn>(host.Table(), slot); }
 
- private:
-  TempDir m_sDir;  // outlives the host, which logs here until shut down
-  zelvar_host::Host m_sHost;
-  probe::Control* m_pProbe = nullptr;
-  std::string m_strError;
+  TempDir dir;  // outlives the host, which logs here until shut down
+  zelvar_host::Host host;
+  probe::Control* control = nullptr;
+  std::string error;
 };
-
 #define SLOT(fixture, name) (fixture).Slot<zelvar::name##Fn>(zelvar::kSlot##name)
 
 TEST(HostConfig, ReadsValuesOrNamesTheBadLine) {
@@ -63,9 +52,8 @@ TEST(HostConfig, ReadsValuesOrNamesTheBadLine) {
   for (const auto& c : cases) {
     zelvar_host::Config config;
     std::string got;
-    if (config.LoadString(c.first, "t.ini", &got)) {
+    if (config.LoadString(c.first, "t.ini", &got))
       got = config.GetString("c", "k", nullptr) + (" " + std::to_string(config.GetInt("c", "k", 7)));
-    }
     EXPECT_EQ(got.substr(0, c.second.size()), c.second) << c.first;
   }
 }
@@ -76,13 +64,11 @@ zelvar::ZMessage* Envelope(const std::string& session) {
   message->mutable_head()->set_session(session);
   return message;
 }
-
 std::string Frame(const std::string& session) {
   return zelvar::EncodeFrame(*std::unique_ptr<zelvar::ZMessage>(Envelope(session)));
 }
 
-// A probe machine made through the slot, which the host adopts with a first
-// message carrying `session`.
+// A probe machine made through the slot, which the host adopts with a first message carrying `session`.
 zelvar::StateMachine* AdoptedProbe(ProbeHost& fixture, const std::string& session = "adopt") {
   zelvar::StateMachine* machine = SLOT(fixture, CreateMachineForMessage)(probe::kProbeMachineType);
   SLOT(fixture, PostToMachine)(Envelope(session), machine, 0);
@@ -91,10 +77,10 @@ zelvar::StateMachine* AdoptedProbe(ProbeHost& fixture, const std::string& sessio
 
 TEST(HostLoop, StartsPluginsWithTheConfigPathServesSlotsAndTicksAtTheSmallestPeriodAsked) {
   ProbeHost fixture("[probe]\nroutine_period_us = 20000\n");
-  ASSERT_TRUE(fixture.ok()) << fixture.error();
+  ASSERT_TRUE(fixture.control) << fixture.error;
   probe::Control& probe = fixture.probe();
   EXPECT_EQ(probe.calls, (std::vector<std::string>{"OnPeekInterface", "OnInit"}));
-  EXPECT_EQ(probe.init_context, fixture.host().Configuration().Path());
+  EXPECT_EQ(probe.init_context, fixture.host.Configuration().Path());
   EXPECT_EQ(SLOT(fixture, GetLogLevel)() + SLOT(fixture, GetConfigInt)("host", "log_level", 9), 2);
   std::vector<std::string> keys;
   SLOT(fixture, ListConfigKeys)("plugins", ".+", &keys);
@@ -108,18 +94,18 @@ TEST(HostLoop, StartsPluginsWithTheConfigPathServesSlotsAndTicksAtTheSmallestPer
     EXPECT_EQ(probe.seen[i].machine_id, probe.ended[i]) << "a routine machine starts at once";
   }
   SLOT(fixture, SetRoutinePeriod)(1000000);
-  EXPECT_EQ(fixture.host().RoutinePeriodUs(), 20000u);
+  EXPECT_EQ(fixture.host.RoutinePeriodUs(), 20000u);
 }
 
 TEST(HostLoop, EventsReachTheirMachineOnALaterTurnAndAreDroppedForAGoneOne) {
   ProbeHost fixture("[host]\nmachine_timeout = 1\n");
-  ASSERT_TRUE(fixture.ok()) << fixture.error();
+  ASSERT_TRUE(fixture.control) << fixture.error;
   probe::Control& probe = fixture.probe();
   EXPECT_EQ(SLOT(fixture, CreateMachineForMessage)(123456), nullptr);
   zelvar::StateMachine* machine = AdoptedProbe(fixture, "first");
   uint32_t id = machine->GetMachineId(), quiet = AdoptedProbe(fixture)->GetMachineId();
   EXPECT_EQ(SLOT(fixture, DeliverToMachine)(id, new std::string("record"), [](void*) { ADD_FAILURE(); }), 0);
-  int fd = open((fixture.dir().Path() + "/aio").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  int fd = open((fixture.dir.Path() + "/aio").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
   char text[] = "hello aio", back[16] = {};
   auto aio = [&](zelvar::HostSlot slot) { return fixture.Slot<zelvar::StartAioFn>(slot); };
   int flows[] = {aio(zelvar::kSlotStartAioWrite)(fd, 9, text, 3, id, machine),
@@ -129,10 +115,9 @@ TEST(HostLoop, EventsReachTheirMachineOnALaterTurnAndAreDroppedForAGoneOne) {
   ASSERT_TRUE(fixture.RunUntil([&] { return probe.ended.size() == 2; }));
   close(fd);
   std::string seen;  // is it `id`, state, event type, flow, text, status
-  for (const probe::Seen& s : probe.seen) {
+  for (const probe::Seen& s : probe.seen)
     seen += zelvar::FormatString("%d:%d:%u:%u:%s:%ld ", s.machine_id == id, s.state, s.event_type, s.flow_no,
                                  s.text.c_str(), s.status);
-  }
   EXPECT_EQ(seen, zelvar::FormatString("1:-1:1:0:first:0 0:-1:1:0:adopt:0 1:1:4:0:record:0 1:1:3:%d:0:9 "
                                        "1:1:3:%d:0:12 1:1:3:%d:%d:-1 1:1:1:0:done:0 ",
                                        flows[0], flows[1], flows[2], EBADF));
@@ -150,13 +135,13 @@ TEST(HostLoop, EventsReachTheirMachineOnALaterTurnAndAreDroppedForAGoneOne) {
 TEST(HostConnections, DeliverSplitAndBatchedFramesCloseOnBadOrOversizedInputAndReuseOutbound) {
   int port = FreeLoopbackPort();
   ProbeHost fixture("[network]\nlisten-ip = 127.0.0.1\ninput_limit = 4096\nlisten-port = " + std::to_string(port));
-  ASSERT_TRUE(fixture.ok()) << fixture.error();
+  ASSERT_TRUE(fixture.control) << fixture.error;
   probe::Control& probe = fixture.probe();
   int client = ConnectLoopback(port);
   ASSERT_TRUE(SendAll(client, Frame("a") + Frame("b")));
   for (char byte : Frame("c")) {
     ASSERT_TRUE(SendAll(client, std::string(1, byte)));
-    fixture.host().RunUntil([] { return false; }, 0.002);
+    fixture.host.RunUntil([] { return false; }, 0.002);
   }
   ASSERT_TRUE(fixture.RunUntil([&] { return probe.seen.size() == 3; }));
   for (int i = 0; i < 3; ++i) EXPECT_EQ(probe.seen[i].text + std::to_string(probe.seen[i].state), "abc"[i] + "-1"s);
@@ -174,7 +159,7 @@ TEST(HostConnections, DeliverSplitAndBatchedFramesCloseOnBadOrOversizedInputAndR
     close(fd);
   }
   EXPECT_EQ(probe.disconnects.size(), 3u);
-  EXPECT_NE(fixture.LogText().find("over the input limit of 4096"), std::string::npos);
+  EXPECT_NE(ReadFile(fixture.dir.Path() + "/host.log").find("over the input limit of 4096"), std::string::npos);
 
   auto connectTo = [&] { return SLOT(fixture, ConnectTo)("127.0.0.1", port, 0); };
   bufferevent* out = connectTo();
@@ -203,7 +188,7 @@ std::map<uint32_t, probe::Seen> LongActionRecords(ProbeHost& fixture, size_t cou
 
 TEST(HostLongActions, RecordsCarryOutputStatusAndTheHostsWordsWithinTheLimits) {
   ProbeHost fixture("[long_action]\ntime_limit = 1\noutput_limit = 1000\nmax_children = 1\n");
-  ASSERT_TRUE(fixture.ok()) << fixture.error();
+  ASSERT_TRUE(fixture.control) << fixture.error;
   uint32_t id = AdoptedProbe(fixture)->GetMachineId();
   RunLongAction(fixture, id, 1, "sleep 0.3; echo out; echo err >&2");
   RunLongAction(fixture, id, 2, "cat; ls /proc/$$/fd; exit 3");  // no input, nothing but 0, 1 and 2 open
@@ -215,9 +200,8 @@ TEST(HostLongActions, RecordsCarryOutputStatusAndTheHostsWordsWithinTheLimits) {
   std::string order, summary;  // summary: is it `id`, status, and but for the time limit's pid, the text
   for (const probe::Seen& seen : fixture.probe().seen) order += std::to_string(seen.flow_no);
   EXPECT_EQ(order, "0312456") << "one runs at a time, the others wait in order";
-  for (auto& [flow, r] : records) {
+  for (auto& [flow, r] : records)
     summary += std::to_string(r.machine_id == id) + std::to_string(r.status) + (flow == 4 ? " " : ":" + r.text + " ");
-  }
   EXPECT_EQ(summary, "10:out\n|err\n 13:0\n1\n2\n|exit status 3 1-4:|unknown long action \"NoSuchAction\" 1-2 1-3:" +
                          std::string(1000, 'y') + "|output passed the limit of 1000 bytes, process group killed " +
                          "1137:|killed by signal 9 (SIGKILL) ");
@@ -231,12 +215,11 @@ TEST(HostLongActions, RecordsCarryOutputStatusAndTheHostsWordsWithinTheLimits) {
 TEST(HostLongActions, AThousandConcurrentCommandsAllAnswerAndShutdownLeavesNothingBehind) {
   int descriptorsBefore = CountOpenDescriptors();
   auto fixture = std::make_unique<ProbeHost>("[long_action]\nmax_children = 1024\ntime_limit = 120\n");
-  ASSERT_TRUE(fixture->ok()) << fixture->error();
+  ASSERT_TRUE(fixture->control) << fixture->error;
   probe::Control& probe = fixture->probe();
   uint32_t id = AdoptedProbe(*fixture)->GetMachineId();
-  for (uint32_t flow = 1; flow <= 1000; ++flow) {
+  for (uint32_t flow = 1; flow <= 1000; ++flow)
     RunLongAction(*fixture, id, flow, "sleep 1; echo " + std::to_string(flow));
-  }
   auto records = LongActionRecords(*fixture, 1000);
   ASSERT_EQ(records.size(), 1000u);
   for (auto& r : records) ASSERT_EQ(r.second.text, std::to_string(r.first) + "\n|") << r.first;
@@ -253,9 +236,7 @@ TEST(HostLongActions, AThousandConcurrentCommandsAllAnswerAndShutdownLeavesNothi
 
 // Polls `done` (once per call) for up to 30 s.
 bool Eventually(const std::function<bool()>& done) {
-  for (int i = 0; i < 3000; ++i, std::this_thread::sleep_for(std::chrono::milliseconds(10))) {
-    if (done()) return true;
-  }
+  for (int i = 0; i < 3000; ++i, std::this_thread::sleep_for(std::chrono::milliseconds(10))) if (done()) return true;
   return false;
 }
 
@@ -266,9 +247,7 @@ struct HostProcess {
     const char* argv[] = {"sh", "-c", command.c_str(), nullptr};
     if (posix_spawn(&pid, "/bin/sh", nullptr, nullptr, const_cast<char**>(argv), nullptr) != 0) pid = -1;
   }
-  ~HostProcess() {
-    if (pid > 0 && kill(pid, SIGKILL) == 0) waitpid(pid, nullptr, 0);
-  }
+  ~HostProcess() { if (pid > 0 && kill(pid, SIGKILL) == 0) waitpid(pid, nullptr, 0); }
   // The exit status, or -1 when the host does not end in time.
   int Wait() {
     int status = -1;
@@ -279,9 +258,9 @@ struct HostProcess {
   pid_t pid = -1;
 };
 
-TEST(HostBinary, StartUpErrorsSayWhatIsWrongOnOneLineAndFailTheExit) {
+TEST(HostBinary, StartUpErrorsFailTheExitOnOneLineAndARunningHostReopensItsLogOnSighupAndStopsOnSigterm) {
   TempDir dir;
-  std::string err = dir.Path() + "/err";
+  std::string err = dir.Path() + "/err", log = dir.Path() + "/run.log";
   int taken = 0, listener = ListenLoopback(&taken);
   std::string busy = "[network]\nlisten-ip = 127.0.0.1\nlisten-port = " + std::to_string(taken) + "\n";
   const std::pair<std::string, std::string> cases[] = {
@@ -302,20 +281,15 @@ TEST(HostBinary, StartUpErrorsSayWhatIsWrongOnOneLineAndFailTheExit) {
   close(listener);
   EXPECT_EQ(HostProcess("", err).Wait(), 2);
   EXPECT_EQ(ReadFile(err).rfind("usage: zelvar-host -c FILE\n", 0), 0u);
-}
 
-TEST(HostBinary, ReopensItsLogOnSighupAndStopsCleanlyOnSigterm) {
-  TempDir dir;
-  std::string log = dir.Path() + "/run.log";
-  HostProcess host("-c " + dir.Write("run.ini", "[host]\nlog_file = run.log\n[plugins]\nprobe = " PROBE_PLUGIN_PATH),
-                   dir.Path() + "/err");
+  HostProcess host("-c " + dir.Write("run.ini", "[host]\nlog_file = run.log\n[plugins]\np = " PROBE_PLUGIN_PATH), err);
   ASSERT_TRUE(Eventually([&] { return ReadFile(log).find("zelvar-host started") != std::string::npos; }));
   ASSERT_EQ(std::rename(log.c_str(), (log + ".1").c_str()), 0);
   kill(host.pid, SIGHUP);
   ASSERT_TRUE(Eventually([&] { return !ReadFile(log).empty(); }));
   kill(host.pid, SIGTERM);
   EXPECT_EQ(host.Wait(), 0);
-  EXPECT_EQ(ReadFile(dir.Path() + "/err"), "");
+  EXPECT_EQ(ReadFile(err), "");
   std::regex stop(".{23} INFO log file reopened\n[^]*signal 15 \\(SIGTERM\\)\n[^]*probe unloaded\n[^]*host stopped\n");
   EXPECT_TRUE(std::regex_match(ReadFile(log), stop)) << ReadFile(log);
 }
