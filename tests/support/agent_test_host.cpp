@@ -17,17 +17,9 @@
 #include "pipeline/stats_queues.h"
 #include "test_host.h"
 
-namespace ovita2 {
-namespace testing {
+namespace ovita2::testing {
 
 namespace {
-PluginEntries AgentEntries() {
-  PluginEntries entries;
-  entries.peek = &OnPeekInterface;
-  entries.data_in = &OnDataIn;
-  return entries;
-}
-
 // The singletons are rebuilt in place: their tables only ever grow.
 template <typename T>
 void Rebuild(T* object) {
@@ -47,7 +39,8 @@ void ResetSlowCounter() {
 }
 }  // namespace
 
-TestHost::TestHost(unsigned defaultMachineTimeoutSec) : TestHost(AgentEntries(), defaultMachineTimeoutSec) {}
+TestHost::TestHost(unsigned defaultMachineTimeoutSec)
+    : TestHost(PluginEntries{&OnPeekInterface, nullptr, &OnDataIn}, defaultMachineTimeoutSec) {}
 
 void ResetAgentState() {
   ResetSlowCounter();
@@ -80,5 +73,4 @@ void ResetAgentState() {
   fn_usr_OnDataIn = nullptr;
 }
 
-}  // namespace testing
-}  // namespace ovita2
+}  // namespace ovita2::testing

@@ -4,8 +4,7 @@
 
 #include "test_host.h"
 
-namespace ovita2 {
-namespace testing {
+namespace ovita2::testing {
 
 zelvar::ZKPluginHandle FakeRegistry::s_sHandle = {&FakeRegistry::Call};
 
@@ -18,7 +17,7 @@ int FakeRegistry::Call(unsigned machineId, const char* command, ...) {
   va_start(args, command);
   if (call.command == "listvalue" || call.command == "get") {
     call.path = va_arg(args, const char*);
-    call.watcher = va_arg(args, RegistryWatcher);
+    call.watcher = va_arg(args, watcher_fn);
   } else if (call.command == "create") {
     call.path = va_arg(args, const char*);
     const char* data = va_arg(args, const char*);
@@ -26,12 +25,11 @@ int FakeRegistry::Call(unsigned machineId, const char* command, ...) {
     if (data != nullptr && length > 0) call.data.assign(data, static_cast<size_t>(length));
     call.flags = va_arg(args, int);
   } else if (call.command == "set_callback") {
-    call.callback = va_arg(args, RegistryCallback);
+    call.callback = va_arg(args, decltype(call.callback));
   }
   va_end(args);
   registry.m_vecCalls.push_back(call);
-  auto specific = registry.m_mapResults.find(call.command);
-  return specific != registry.m_mapResults.end() ? specific->second : 0;
+  return registry.m_mapResults.count(call.command) ? registry.m_mapResults.at(call.command) : 0;
 }
 
 void FakeRegistry::Answer(const RegistryCall& call, int retcode,
@@ -40,14 +38,8 @@ void FakeRegistry::Answer(const RegistryCall& call, int retcode,
   response->retcode = retcode;
   response->type = call.command == "listvalue" ? zelvar::ZKPluginResponse::T_KEYVALUES
                                                : zelvar::ZKPluginResponse::T_STRING;
-  for (const auto& child : children) {
-    zelvar::ZKKeyValue keyvalue;
-    keyvalue.key = child.first;
-    keyvalue.value = child.second;
-    response->keyvalues.push_back(keyvalue);
-  }
+  for (const auto& child : children) response->keyvalues.push_back({child.first, child.second});
   TestHost::Current()->DeliverRecord(call.machine_id, response, &zelvar::ZKPluginResponse::DropRecord);
 }
 
-}  // namespace testing
-}  // namespace ovita2
+}  // namespace ovita2::testing

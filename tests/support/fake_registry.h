@@ -12,11 +12,7 @@
 
 #include "zelvar/zk_plugin.h"
 
-namespace ovita2 {
-namespace testing {
-
-using RegistryWatcher = watcher_fn;
-using RegistryCallback = void (*)();
+namespace ovita2::testing {
 
 struct RegistryCall {
   uint32_t machine_id = 0;
@@ -24,8 +20,8 @@ struct RegistryCall {
   std::string path;
   std::string data;  // "create": the node's bytes
   int flags = 0;     // "create": creation flags
-  RegistryWatcher watcher = nullptr;
-  RegistryCallback callback = nullptr;
+  watcher_fn watcher = nullptr;
+  void (*callback)() = nullptr;
 };
 
 class FakeRegistry {
@@ -49,7 +45,6 @@ class FakeRegistry {
   std::map<std::string, int> m_mapResults;
 };
 
-}  // namespace testing
-}  // namespace ovita2
+}  // namespace ovita2::testing
 
 #endif  // OVITA2_TESTS_SUPPORT_FAKE_REGISTRY_H

@@ -1,7 +1,6 @@
 #include "local_system.h"
 
 #include <arpa/inet.h>
-#include <dirent.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -9,11 +8,12 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 
-namespace ovita2 {
-namespace testing {
+namespace ovita2::testing {
 
 TempDir::TempDir() {
   char pattern[] = "/tmp/ovita2-test-XXXXXX";
@@ -32,9 +32,8 @@ std::string TempDir::Write(const std::string& name, const std::string& text) con
 }
 
 std::string ReadFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
   std::ostringstream text;
-  text << in.rdbuf();
+  text << std::ifstream(path, std::ios::binary).rdbuf();
   return text.str();
 }
 
@@ -99,34 +98,25 @@ bool ReadAvailable(int fd, std::string* sink) {
 }
 
 int CountOpenDescriptors() {
-  int count = 0;
-  DIR* dir = opendir("/proc/self/fd");
-  while (dirent* entry = readdir(dir)) {
-    if (entry->d_name[0] != '.') ++count;
-  }
-  closedir(dir);
-  return count - 1;  // the directory's own descriptor
+  std::filesystem::directory_iterator entries("/proc/self/fd");
+  return static_cast<int>(std::distance(begin(entries), end(entries))) - 1;  // the listing's own descriptor
 }
 
 int CountZombieChildren() {
   int zombies = 0;
   pid_t self = getpid();
-  DIR* dir = opendir("/proc");
-  while (dirent* entry = readdir(dir)) {
-    if (entry->d_name[0] < '0' || entry->d_name[0] > '9') continue;
-    std::string stat = ReadFile(std::string("/proc/") + entry->d_name + "/stat");
+  for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+    std::string name = entry.path().filename();
+    if (name[0] < '0' || name[0] > '9') continue;
+    std::string stat = ReadFile(entry.path() / "stat");
     size_t close = stat.rfind(')');
     if (close == std::string::npos) continue;
     char state = 0;
     int parent = 0;
-    if (std::sscanf(stat.c_str() + close + 1, " %c %d", &state, &parent) == 2 && parent == self &&
-        state == 'Z') {
-      ++zombies;
-    }
+    bool parsed = std::sscanf(stat.c_str() + close + 1, " %c %d", &state, &parent) == 2;
+    if (parsed && parent == self && state == 'Z') ++zombies;
   }
-  closedir(dir);
   return zombies;
 }
 
-}  // namespace testing
-}  // namespace ovita2
+}  // namespace ovita2::testing

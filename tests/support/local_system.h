@@ -5,8 +5,7 @@
 
 #include <string>
 
-namespace ovita2 {
-namespace testing {
+namespace ovita2::testing {
 
 // A folder under /tmp, removed with everything in it.
 class TempDir {
@@ -41,7 +40,6 @@ int CountOpenDescriptors();
 // Children of this process that exited and were not reaped.
 int CountZombieChildren();
 
-}  // namespace testing
-}  // namespace ovita2
+}  // namespace ovita2::testing
 
 #endif  // OVITA2_TESTS_SUPPORT_LOCAL_SYSTEM_H

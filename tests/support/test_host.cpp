@@ -11,14 +11,10 @@
 #include "zelvar/machine_factory.h"
 #include "zelvar/message_pool.h"
 
-namespace ovita2 {
-namespace testing {
+namespace ovita2::testing {
 namespace {
-
 TestHost* g_current = nullptr;
-
 void Unused() {}
-
 }  // namespace
 
 const std::string* TestHost::FindConfig(const char* section, const char* key) const {
@@ -29,14 +25,13 @@ const std::string* TestHost::FindConfig(const char* section, const char* key) co
 }
 
 void TestHost::Log(int, const char* format, ...) {
-  va_list args, again;
+  va_list args;
   va_start(args, format);
-  va_copy(again, args);
-  std::string text(static_cast<size_t>(std::max(std::vsnprintf(nullptr, 0, format, args), 0)), '\0');
-  std::vsnprintf(&text[0], text.size() + 1, format, again);
-  va_end(again);
+  char* text = nullptr;
+  int length = vasprintf(&text, format, args);
   va_end(args);
-  Current()->m_vecLog.push_back(text);
+  Current()->m_vecLog.push_back(length >= 0 ? std::string(text, static_cast<size_t>(length)) : std::string());
+  std::free(text);
 }
 
 TestHost::TestHost(const PluginEntries& plugin, unsigned defaultMachineTimeoutSec)
@@ -73,7 +68,7 @@ TestHost::TestHost(const PluginEntries& plugin, unsigned defaultMachineTimeoutSe
     }
     regfree(&compiled);
   });
-  Set(zelvar::kSlotGetNow, +[] { return static_cast<const int64_t*>(&Current()->m_i64Now); });
+  Set(zelvar::kSlotGetNow, +[] { return static_cast<const int64_t*>(&Current()->m_cClock.seconds); });
   Set(zelvar::kSlotGetConnectionBev, +[](uint64_t connA, uint64_t connB) {
     for (const auto& peer : Current()->m_vecPeers) {
       if (peer->IsOpen() && peer->ConnA() == connA && peer->ConnB() == connB) return peer->AgentSide();
@@ -101,15 +96,16 @@ TestHost::TestHost(const PluginEntries& plugin, unsigned defaultMachineTimeoutSe
     zelvar::MessagePool::Instance()->Release(message);
   });
   Set(zelvar::kSlotGetPluginHandle, +[](const char* name) {
-    TestHost& host = *Current();
-    bool registry = host.m_bRegistryAvailable && name != nullptr && std::string(name) == "zookeeper";
-    return registry ? host.m_cRegistry.PluginHandle() : nullptr;
+    bool registry = Current()->m_bRegistryAvailable && name != nullptr && std::string(name) == "zookeeper";
+    return registry ? Current()->m_cRegistry.PluginHandle() : nullptr;
   });
   Set(zelvar::kSlotConnectTo,
       +[](const char* ip, unsigned short port, unsigned) { return Current()->Peer(ip, port).AgentSide(); });
   Set(zelvar::kSlotGetEventBase, +[] { return Current()->m_pBase; });
   Set(zelvar::kSlotDeliverToMachine, +[](unsigned machineId, void* record, void (*drop)(void*)) {
-    return Current()->DeliverRecord(machineId, record, drop);
+    int rc = Current()->DeliverRecord(machineId, record, drop);
+    Current()->m_uUndeliveredRecords += rc != 0;
+    return rc;
   });
   if (m_sPlugin.peek != nullptr) m_sPlugin.peek(m_aTable);
   m_vecLog.clear();  // the entry line is checked on its own
@@ -130,29 +126,19 @@ TestHost* TestHost::Current() {
 }
 
 void TestHost::AdvanceClock(int64_t seconds) {
-  m_i64Now += seconds;
+  m_cClock.seconds += seconds;
   m_pRuntime->FireTimeouts();
 }
 
 bool TestHost::Logged(const std::string& text) const {
-  for (const std::string& line : m_vecLog) {
-    if (line.find(text) != std::string::npos) return true;
-  }
-  return false;
+  return std::any_of(m_vecLog.begin(), m_vecLog.end(),
+                     [&text](const std::string& line) { return line.find(text) != std::string::npos; });
 }
 
 StartedMachine TestHost::Start(zelvar::StateMachine* machine) {
-  StartedMachine started{machine->GetMachineId(), machine->MachineName()};
+  StartedMachine started{machine->GetMachineId()};
   m_pRuntime->Start(machine);
   return started;
-}
-
-void TestHost::PostMessage(zelvar::StateMachine* machine, zelvar::ZMessage* message) {
-  m_pRuntime->Post(machine, zelvar::MessageEvent(message));
-}
-
-int TestHost::DeliverRecord(uint32_t machineId, void* record, void (*drop)(void*)) {
-  return m_pRuntime->PostById(machineId, zelvar::PluginEvent(record, drop));
 }
 
 TestPeer& TestHost::Peer(const std::string& ip, uint16_t port) {
@@ -186,11 +172,7 @@ void TestHost::CompleteLongAction(uint32_t flowNo, const std::string& output, co
   for (auto it = m_vecLongActions.rbegin(); it != m_vecLongActions.rend(); ++it) {
     if (it->flow_no != flowNo || it->completed) continue;
     it->completed = true;
-    auto* result = new zelvar::LongActionResult();
-    result->output = output;
-    result->error = error;
-    result->status = status;
-    result->flow_no = flowNo;
+    auto* result = new zelvar::LongActionResult{output, error, status, flowNo};
     m_pRuntime->PostById(it->machine_id, zelvar::LongActionEvent(result));
     return;
   }
@@ -212,15 +194,4 @@ bool TestHost::RunLoopUntil(const std::function<bool()>& done, int limitMs) {
   return done();
 }
 
-void TestHost::CountUndeliveredRecords() {
-  Set(zelvar::kSlotDeliverToMachine, &TestHost::DeliverCountingUndelivered);
-}
-
-int TestHost::DeliverCountingUndelivered(unsigned machineId, void* record, void (*drop)(void*)) {
-  int rc = Current()->DeliverRecord(machineId, record, drop);
-  if (rc != 0) ++Current()->m_uUndeliveredRecords;
-  return rc;
-}
-
-}  // namespace testing
-}  // namespace ovita2
+}  // namespace ovita2::testing

@@ -1,10 +1,7 @@
 // TestHost: zelvar-host's 44-slot table over the real libmessage runtime, with
 // a clock the test moves. Log keeps every line (the threshold is the plug-in's
-// business); config comes from SetConfig; connections are TestPeers; long
-// actions are captured; posts queue on the runtime until RunPending();
-// ReleaseMessage is counted per envelope; "zookeeper" is Registry(). Other
-// slots hold a harmless function. The slots are plain function pointers that
-// find the host through Current(), so one TestHost lives at a time.
+// business); posts queue on the runtime until RunPending(). The slots are plain
+// function pointers that find the host through Current(): one TestHost at a time.
 #ifndef OVITA2_TESTS_SUPPORT_TEST_HOST_H
 #define OVITA2_TESTS_SUPPORT_TEST_HOST_H
 
@@ -21,8 +18,7 @@
 #include "zelvar/long_action.h"
 #include "zelvar/machine_runtime.h"
 
-namespace ovita2 {
-namespace testing {
+namespace ovita2::testing {
 
 struct CapturedLongAction {
   std::string name;
@@ -45,10 +41,9 @@ struct PluginEntries {
                  zelvar::StateMachine** machineOut) = nullptr;
 };
 
-// A started machine's id and name, kept because the machine may be gone.
+// A started machine's id, kept because the machine may be gone.
 struct StartedMachine {
   uint32_t id = 0;
-  std::string name;
 };
 
 // Puts the agent's process-wide state back as a fresh process has it.
@@ -56,11 +51,9 @@ void ResetAgentState();
 
 class TestHost {
  public:
-  static constexpr unsigned kDefaultMachineTimeout = 120;
-
   // The agent's host (defined with the agent, so only its programs need it).
-  explicit TestHost(unsigned defaultMachineTimeoutSec = kDefaultMachineTimeout);
-  explicit TestHost(const PluginEntries& plugin, unsigned defaultMachineTimeoutSec = kDefaultMachineTimeout);
+  explicit TestHost(unsigned defaultMachineTimeoutSec = 120);
+  explicit TestHost(const PluginEntries& plugin, unsigned defaultMachineTimeoutSec = 120);
   ~TestHost();
   TestHost(const TestHost&) = delete;
   TestHost& operator=(const TestHost&) = delete;
@@ -89,13 +82,16 @@ class TestHost {
   StartedMachine Start(zelvar::StateMachine* machine);
   size_t RunPending() { return m_pRuntime->RunPending(); }
   bool IsAlive(uint32_t machineId) const { return m_pRuntime->IsManaged(machineId); }
-  void PostMessage(zelvar::StateMachine* machine, zelvar::ZMessage* message);
-  int DeliverRecord(uint32_t machineId, void* record, void (*drop)(void*));
+  void PostMessage(zelvar::StateMachine* machine, zelvar::ZMessage* message) {
+    m_pRuntime->Post(machine, zelvar::MessageEvent(message));
+  }
+  int DeliverRecord(uint32_t machineId, void* record, void (*drop)(void*)) {
+    return m_pRuntime->PostById(machineId, zelvar::PluginEvent(record, drop));
+  }
 
   // ReleaseMessage calls for `message` since the pool last handed it out.
   int Releases(const zelvar::ZMessage* message) const {
-    auto found = m_mapReleases.find(message);
-    return found != m_mapReleases.end() ? found->second : 0;
+    return m_mapReleases.count(message) ? m_mapReleases.at(message) : 0;
   }
   unsigned LastPostedId() const { return m_uLastPostedId; }  // PostToMachine's id argument
   const zelvar::ZMessage* LastRouted() const { return m_pLastRouted; }
@@ -115,27 +111,28 @@ class TestHost {
   // false: GetPluginHandle("zookeeper") gives null.
   void SetRegistryAvailable(bool available) { m_bRegistryAvailable = available; }
 
- private:
-  class Clock : public zelvar::MachineClock {
-   public:
-    explicit Clock(const int64_t* seconds) : m_pSeconds(seconds) {}
-    int64_t NowMs() const override { return *m_pSeconds * 1000; }
+  // A registry plug-in's sockets and timers live on GetEventBase's loop, in real
+  // time (machine timeouts stay on the simulated clock). Turns the loop, running
+  // the deliveries it queued, until `done` holds or `limitMs` of real time passed.
+  bool RunLoopUntil(const std::function<bool()>& done, int limitMs = 15000);
+  // DeliverToMachine's records whose machine was gone, counted from this call on.
+  void CountUndeliveredRecords() { m_uUndeliveredRecords = 0; }
+  size_t UndeliveredRecords() const { return m_uUndeliveredRecords; }
 
-   private:
-    const int64_t* m_pSeconds;
+ private:
+  struct Clock : zelvar::MachineClock {
+    int64_t seconds = 1700000000;
+    int64_t NowMs() const override { return seconds * 1000; }
   };
 
   template <typename Fn>
-  void Set(zelvar::HostSlot slot, Fn fn) {
-    m_aTable[slot] = reinterpret_cast<zelvar::HostFunction>(fn);
-  }
+  void Set(zelvar::HostSlot slot, Fn fn) { m_aTable[slot] = reinterpret_cast<zelvar::HostFunction>(fn); }
   const std::string* FindConfig(const char* section, const char* key) const;
   static void Log(int level, const char* format, ...);
 
   PluginEntries m_sPlugin;
   zelvar::HostFunction m_aTable[zelvar::kHostSlotCount];
-  int64_t m_i64Now = 1700000000;
-  Clock m_cClock{&m_i64Now};
+  Clock m_cClock;
   event_base* m_pBase;
   std::unique_ptr<zelvar::MachineRuntime> m_pRuntime;
 
@@ -154,24 +151,9 @@ class TestHost {
   std::vector<CapturedLongAction> m_vecLongActions;
   FakeRegistry m_cRegistry;
   bool m_bRegistryAvailable = true;
-
- public:
-  // A registry plug-in's sockets and timers live on GetEventBase's loop, in real
-  // time (machine timeouts stay on the simulated clock).
-  // Turns the loop, running the deliveries it queued, until `done` holds or
-  // `limitMs` of real time passed. Returns done().
-  bool RunLoopUntil(const std::function<bool()>& done, int limitMs = 15000);
-  // From now on DeliverToMachine counts the records it could not hand over
-  // because their machine was gone; a plug-in sees it once given the table.
-  void CountUndeliveredRecords();
-  size_t UndeliveredRecords() const { return m_uUndeliveredRecords; }
-
- private:
-  static int DeliverCountingUndelivered(unsigned machineId, void* record, void (*drop)(void*));
   size_t m_uUndeliveredRecords = 0;
 };
 
-}  // namespace testing
-}  // namespace ovita2
+}  // namespace ovita2::testing
 
 #endif  // OVITA2_TESTS_SUPPORT_TEST_HOST_H

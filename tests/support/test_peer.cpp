@@ -8,8 +8,7 @@
 
 #include "test_host.h"
 
-namespace ovita2 {
-namespace testing {
+namespace ovita2::testing {
 
 TestPeer::TestPeer(TestHost* host, event_base* base, std::string ip, uint16_t port, uint64_t connA, uint64_t connB)
     : m_pHost(host), m_strIp(std::move(ip)), m_uPort(port), m_u64ConnA(connA), m_u64ConnB(connB) {
@@ -55,5 +54,4 @@ int TestPeer::Send(const zelvar::ZMessage& message) {
   return m_pHost->Route(*this);
 }
 
-}  // namespace testing
-}  // namespace ovita2
+}  // namespace ovita2::testing

@@ -12,8 +12,7 @@
 struct bufferevent;
 struct event_base;
 
-namespace ovita2 {
-namespace testing {
+namespace ovita2::testing {
 
 class TestHost;
 
@@ -59,7 +58,6 @@ class TestPeer {
 
 inline std::string Frame(const zelvar::ZMessage& message) { return zelvar::EncodeFrame(message); }
 
-}  // namespace testing
-}  // namespace ovita2
+}  // namespace ovita2::testing
 
 #endif  // OVITA2_TESTS_SUPPORT_TEST_PEER_H
