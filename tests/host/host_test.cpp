@@ -1,6 +1,7 @@
 // zelvar-host: its configuration reader, the loop run in-process with the
 // probe plug-in, and the real binary.
 #include <fcntl.h>
+#include <event2/bufferevent.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <spawn.h>
@@ -166,6 +167,10 @@ TEST(HostConnections, DeliverSplitAndBatchedFramesCloseOnBadOrOversizedInputAndR
   EXPECT_EQ(connectTo(), out) << "one connection per peer, while connecting";
   ASSERT_TRUE(fixture.RunUntil([&] { return probe.connects.size() == 5; }));  // both of its ends
   EXPECT_EQ(connectTo(), out) << "and once connected";
+  bufferevent_write(out, "\0\0\0\3\xff\xff\xff", 7);  // the far end refuses it, so both ends close
+  ASSERT_TRUE(fixture.RunUntil([&] { return probe.disconnects.size() == 5; }));
+  connectTo();
+  EXPECT_TRUE(fixture.RunUntil([&] { return probe.connects.size() == 7; })) << "a closed peer is connected anew";
 }
 
 void RunLongAction(ProbeHost& fixture, uint32_t id, uint32_t flow, const std::string& command,
