@@ -82,6 +82,7 @@ TEST(HostLoop, StartsPluginsWithTheConfigPathServesSlotsAndTicksAtTheSmallestPer
   probe::Control& probe = fixture.probe();
   EXPECT_EQ(probe.calls, (std::vector<std::string>{"OnPeekInterface", "OnInit"}));
   EXPECT_EQ(probe.init_context, fixture.host.Configuration().Path());
+  EXPECT_NE(ReadFile(fixture.dir.Path() + "/host.log").find("loaded plug-in \"probe\" from " PROBE_PLUGIN_PATH), std::string::npos);
   EXPECT_EQ(SLOT(fixture, GetLogLevel)() + SLOT(fixture, GetConfigInt)("host", "log_level", 9), 2);
   std::vector<std::string> keys;
   SLOT(fixture, ListConfigKeys)("plugins", ".+", &keys);
