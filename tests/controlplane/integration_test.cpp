@@ -1,5 +1,6 @@
 // The control plane in a host loop in this process, and as its own process serving a real agent.
 #include <gtest/gtest.h>
+#include <sys/prctl.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -97,6 +98,7 @@ TEST_F(ControlPlaneInHost, RefusesBadSettingsAnswersPrunesAndReloadsItsJobsOnSig
 struct HostProcess {
   HostProcess(const std::string& dir, const std::string& config) : m_iPid(fork()) {
     if (m_iPid != 0) return;
+    prctl(PR_SET_PDEATHSIG, SIGKILL);  // a test killed from outside takes its host with it
     if (chdir(dir.c_str()) != 0 || !freopen("host.out", "w", stdout) || !freopen("host.out", "a", stderr)) _exit(127);
     execl(ZELVAR_HOST_PATH, ZELVAR_HOST_PATH, "-c", config.c_str(), static_cast<char*>(nullptr));
     _exit(127);

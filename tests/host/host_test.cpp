@@ -4,7 +4,7 @@
 #include <event2/bufferevent.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <spawn.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 
@@ -250,8 +250,10 @@ bool Eventually(const std::function<bool()>& done) {
 struct HostProcess {
   HostProcess(const std::string& args, const std::string& err) {
     std::string command = "exec " ZELVAR_HOST_PATH " " + args + " 2>" + err;
-    const char* argv[] = {"sh", "-c", command.c_str(), nullptr};
-    if (posix_spawn(&pid, "/bin/sh", nullptr, nullptr, const_cast<char**>(argv), nullptr) != 0) pid = -1;
+    if ((pid = fork()) != 0) return;
+    prctl(PR_SET_PDEATHSIG, SIGKILL);  // a test killed from outside takes its host with it
+    execl("/bin/sh", "sh", "-c", command.c_str(), static_cast<char*>(nullptr));
+    _exit(127);
   }
   ~HostProcess() { if (pid > 0 && kill(pid, SIGKILL) == 0) waitpid(pid, nullptr, 0); }
   // The exit status, or -1 when the host does not end in time.
