@@ -15,9 +15,6 @@ void DropPayload(const MachineEvent& event) {
   if (event.drop != nullptr && event.data != nullptr) event.drop(event.data);
 }
 
-void DeleteLongActionResult(void* record) { delete static_cast<LongActionResult*>(record); }
-void DeleteAioResult(void* record) { delete static_cast<AioResult*>(record); }
-
 }  // namespace
 
 MachineEvent MessageEvent(ZMessage* message) {
@@ -30,25 +27,21 @@ MachineEvent MessageEvent(ZMessage* message) {
   return event;
 }
 
-MachineEvent LongActionEvent(LongActionResult* record) {
+// A completion record of `type`, freed by the runtime after the handler or
+// when it cannot be delivered.
+template <typename Record>
+MachineEvent CompletionEvent(unsigned type, Record* record) {
   MachineEvent event;
-  event.head.event_type = kEventLongAction;
+  event.head.event_type = type;
   event.head.flow_no = record->flow_no;
   event.data = record;
-  event.drop = &DeleteLongActionResult;
-  event.after_dispatch = &DeleteLongActionResult;
+  event.drop = event.after_dispatch = [](void* payload) { delete static_cast<Record*>(payload); };
   return event;
 }
 
-MachineEvent AioEvent(AioResult* record) {
-  MachineEvent event;
-  event.head.event_type = kEventAio;
-  event.head.flow_no = record->flow_no;
-  event.data = record;
-  event.drop = &DeleteAioResult;
-  event.after_dispatch = &DeleteAioResult;
-  return event;
-}
+MachineEvent LongActionEvent(LongActionResult* record) { return CompletionEvent(kEventLongAction, record); }
+
+MachineEvent AioEvent(AioResult* record) { return CompletionEvent(kEventAio, record); }
 
 MachineEvent PluginEvent(void* record, PayloadFn drop) {
   MachineEvent event;
