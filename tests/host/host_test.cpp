@@ -57,6 +57,11 @@ TEST(HostConfig, ReadsValuesOrNamesTheBadLine) {
       got = config.GetString("c", "k", nullptr) + (" " + std::to_string(config.GetInt("c", "k", 7)));
     EXPECT_EQ(got.substr(0, c.second.size()), c.second) << c.first;
   }
+  zelvar_host::Config reloaded;
+  std::string error;
+  ASSERT_TRUE(reloaded.LoadString("[c]\nk = 1\n", "t.ini", &error));
+  EXPECT_FALSE(reloaded.LoadString("[c]\nk = 2\nnot a setting\n", "t.ini", &error));
+  EXPECT_EQ(reloaded.GetInt("c", "k", 7), 7) << "a file with a bad line leaves no value, of its own or of before";
 }
 
 zelvar::ZMessage* Envelope(const std::string& session) {

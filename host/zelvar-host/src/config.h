@@ -24,8 +24,9 @@ class Config {
   // rather than silently cut.
   static constexpr size_t kMaxLineLength = 199;
 
-  // Reads `path`. On failure returns false with one line saying what is wrong
-  // and where (file and line) in `error`.
+  // Reads `path`, replacing whatever was read before. On failure returns
+  // false with one line saying what is wrong and where (file and line) in
+  // `error`, and holds nothing: half a file is never used.
   bool Load(const std::string& path, std::string* error);
   // Same as Load, from text; `name` stands for the file in error messages.
   bool LoadString(const std::string& text, const std::string& name, std::string* error);
