@@ -64,6 +64,19 @@ TEST(HostConfig, ReadsValuesOrNamesTheBadLine) {
   EXPECT_EQ(reloaded.GetInt("c", "k", 7), 7) << "a file with a bad line leaves no value, of its own or of before";
 }
 
+TEST(HostLog, WritesLinesAtItsThresholdToItsFileAndFallsBackToStandardErrorWhenClosed) {
+  TempDir dir;
+  zelvar_host::Logger log;
+  std::string error;
+  ASSERT_TRUE(log.Open(dir.Path() + "/h.log", &error)) << error;
+  log.Log(zelvar_host::Logger::kDebug, "hidden %d", 1);
+  log.Log(zelvar_host::Logger::kError, "shown %d", 2);
+  log.Close();
+  EXPECT_TRUE(std::regex_match(ReadFile(dir.Path() + "/h.log"),
+                               std::regex(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} ERROR shown 2\n)")));
+  EXPECT_EQ(log.Fd(), 2) << "a closed log must not write into whatever file takes its descriptor next";
+}
+
 zelvar::ZMessage* Envelope(const std::string& session) {
   auto* message = new zelvar::ZMessage();
   message->mutable_head()->set_message_type(probe::kProbeMachineType);
