@@ -31,7 +31,8 @@ TEST(AgentLibrary, RoutinesStartInTheirOrderOnePerTickThenOnTheirIntervals) {
     }
     return names;
   };
-  EXPECT_EQ(startedBy(11), "UpdateTaskQueueMachine UpdateNamesMachine UpdateJobsMachine UpdateAggregationMachine "
+  EXPECT_EQ(startedBy(12), "UpdateTaskQueueMachine UpdateNamesMachine UpdateJobsMachine UpdateJobConfsMachine "
+                           "UpdateAggregationMachine "
                            "SendUpperMachine SecondPhaseMachine RegisterMyselfMachine HeartBeatMachine "
                            "ExecuteJobsMachine ExecuteHpJobsMachine - ");
   host.AdvanceClock(5);

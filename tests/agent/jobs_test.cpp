@@ -7,7 +7,9 @@
 
 #include "agent_test.h"
 #include "entry/ovita2_agent.h"
+#include "jobs/job_conf_container.h"
 #include "jobs/job_container.h"
+#include "jobs/update_job_confs.h"
 #include "jobs/update_jobs.h"
 #include "naming/update_aggregation.h"
 #include "naming/update_task_queue.h"
@@ -87,6 +89,68 @@ TEST_F(UpdateJobs, OnlyAListWithJobsReplacesTheScheduleAndEveryReplyIsGivenBack)
     EXPECT_EQ(host_.Releases(host_.LastRouted()), 1) << code << "/" << jobs;
     EXPECT_EQ(JobContainer::Instance()->GetObjectJobs().size(), objectsAfter);
   }
+}
+
+// A reply listing `targets`, each with the parameter "<type>".
+zelvar::ovita2::GetConfResponse Confs(uint32_t type, std::initializer_list<const char*> targets) {
+  zelvar::ovita2::GetConfResponse response;
+  for (const char* target : targets) {
+    zelvar::ovita2::ConfObject* conf = response.add_confs();
+    conf->set_target(target), conf->set_parameter(std::to_string(type));
+  }
+  return response;
+}
+
+TEST_F(Jobs, ARefreshOfAKnownCollectorTypeRebuildsTheTypeTableWithThatTypeAlone) {
+  JobConfContainer* confs = JobConfContainer::Instance();
+  using Table = JobConfContainer::TypeTargets;
+  confs->UpdateJobConfs(1, Confs(1, {"sshd", "cron"}));
+  confs->UpdateJobConfs(2, Confs(2, {"oom", "cron"}));
+  EXPECT_EQ(confs->GetJobConfs(), (Table{{1, {{"cron", 0}, {"sshd", 0}}}, {2, {{"cron", 0}, {"oom", 0}}}}));
+  EXPECT_EQ(confs->GetJobConfDefine("cron")->parameter(), "2") << "one configuration per target, the later wins";
+  confs->GetJobConfs()[1]["sshd"] = 500;
+  confs->GetJobConfs()[2]["oom"] = 600;
+  confs->UpdateJobConfs(1, Confs(1, {"sshd", "nginx"}));
+  EXPECT_EQ(confs->GetJobConfs(), (Table{{1, {{"nginx", 0}, {"sshd", 500}}}}));
+  confs->UpdateJobConfs(2, Confs(2, {"oom"}));
+  EXPECT_EQ(confs->GetJobConfs(), (Table{{1, {{"nginx", 0}, {"sshd", 500}}}, {2, {{"oom", 0}}}}))
+      << "a type met again after the rebuild is new: it is only added";
+  EXPECT_NE(confs->GetJobConfDefine("cron"), nullptr) << "configurations are never pruned";
+  EXPECT_EQ(confs->GetJobConfDefine("absent"), nullptr);
+}
+
+TEST_F(Jobs, AConfigurationPassAsksTypeAfterTypeUntilAnEmptyListThenIdlesAHundredRuns) {
+  host_.SetConfig("common", "agentname", "agent-7");
+  g_strTQIP = "10.3.0.1";
+  g_iTQPort = 9200;
+  // The type each run asks for (0: nothing sent) and how the task queue answers it.
+  enum Answer { kConfs, kNone, kError };
+  const std::pair<uint32_t, Answer> runs[] = {{1, kConfs}, {2, kError}, {2, kConfs}, {3, kNone}};
+  for (const auto& [type, answer] : runs) {
+    host_.Start(new UpdateJobConfsMachine());
+    zelvar::ZMessage request, reply;
+    ASSERT_TRUE(host_.Peer("10.3.0.1", 9200).ReadFrame(&request)) << type;
+    const auto& asked = request.body().GetExtension(zelvar::ovita2::get_conf_request);
+    EXPECT_EQ(asked.conf_type(), type);
+    EXPECT_EQ(asked.agent_name() + std::to_string(request.head().message_type()), "agent-768010");
+    zelvar::MakeResponse(request, 68011, &reply);
+    auto* response = reply.mutable_body()->MutableExtension(zelvar::ovita2::get_conf_response);
+    if (answer == kConfs) *response = Confs(type, {"t"});
+    if (answer == kError) response->mutable_rc()->set_code(7);
+    host_.Peer("10.3.0.1", 9200).Send(reply);
+    host_.RunPending();
+    EXPECT_EQ(host_.Releases(host_.LastRouted()), 1);
+  }
+  EXPECT_EQ(JobConfContainer::Instance()->GetJobConfs().size(), 2u);
+  EXPECT_TRUE(host_.Logged("|query job_confs failed, "));
+  zelvar::ZMessage request;
+  for (int run = 0; run < UpdateJobConfsMachine::kIdleRuns; ++run) {
+    host_.Start(new UpdateJobConfsMachine());
+    ASSERT_FALSE(host_.Peer("10.3.0.1", 9200).ReadFrame(&request)) << run;
+  }
+  host_.Start(new UpdateJobConfsMachine());
+  ASSERT_TRUE(host_.Peer("10.3.0.1", 9200).ReadFrame(&request));
+  EXPECT_EQ(request.body().GetExtension(zelvar::ovita2::get_conf_request).conf_type(), 1u);
 }
 
 TEST(SecondPhaseArgs, EveryPieceBetweenBarsIsAToken) {

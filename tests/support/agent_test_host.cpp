@@ -5,7 +5,9 @@
 #include "entry/ovita2_agent.h"
 #include "entry/so_entry.h"
 #include "framework/routine_util.h"
+#include "jobs/job_conf_container.h"
 #include "jobs/job_container.h"
+#include "jobs/update_job_confs.h"
 #include "jobs/update_jobs.h"
 #include "naming/name_container.h"
 #include "naming/register_myself.h"
@@ -37,6 +39,18 @@ void ResetSlowCounter() {
   UpdateJobsMachine().Entry_Init(zelvar::event_key_t{}, nullptr);
   g_need_updatejobs = false;
 }
+
+// The same for the configuration pass, which then stands where a fresh
+// process starts it: a pass begins at type 1.
+void ResetConfPass() {
+  UpdateJobConfsMachine::g_need_updatejobconfs = false;
+  for (int run = 0; run < UpdateJobConfsMachine::kIdleRuns; ++run) {
+    UpdateJobConfsMachine().Entry_Init(zelvar::event_key_t{}, nullptr);
+  }
+  UpdateJobConfsMachine::g_need_updatejobconfs = true;
+  UpdateJobConfsMachine().Entry_Init(zelvar::event_key_t{}, nullptr);
+  UpdateJobConfsMachine::m_conf_type = 1;
+}
 }  // namespace
 
 TestHost::TestHost(unsigned defaultMachineTimeoutSec)
@@ -44,6 +58,7 @@ TestHost::TestHost(unsigned defaultMachineTimeoutSec)
 
 void ResetAgentState() {
   ResetSlowCounter();
+  ResetConfPass();
   g_strTQName.clear();
   g_iTQPort = 0;
   g_strAggrName.clear();
@@ -60,6 +75,7 @@ void ResetAgentState() {
   g_vecStringUpper.clear();
   g_vecSecondInfo.clear();
   Rebuild(JobContainer::Instance());
+  Rebuild(JobConfContainer::Instance());
   Rebuild(NameContainer::Instance());
   // Every routine back to "never run", in registration order.
   RoutineUtil fresh;
