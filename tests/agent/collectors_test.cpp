@@ -122,14 +122,14 @@ TEST_F(Collectors, TheFactoryMakesTypesOneAndTwoAndLogsAnyOtherType) {
 
 TEST(Kmsgwatch, CountsNewPiecesWithTheKeywordFromTheSavedPositionOrTheEndOfAShorterFile) {
   TempDir dir;
-  std::string line1500 = "ERR" + std::string(1018, 'a') + "ERR" + std::string(1076, 'b') + "ERR\n";
+  std::string longLine = std::string(1021, 'a') + "ERR" + std::string(1000, 'b') + "ERR" + std::string(30, 'c') + "ERR\n";
   const std::tuple<const char*, const char*, std::string, std::string> steps[] = {
       {"", "", "", "Usage: ./kmsgwatch keyword targetfile \n1"},
       {"ERR", "log", "a\nERR 1\nb\nc ERR\nd\ne\nf\ng\nh\nERR\n", "3\n0"},
       {"ERR", "log", "", "0\n0"},
       {"ERR", "log", "ERR\nERR\n", "0\n0"},  // shorter than the saved position: read from its new end
       {"ERR", "log", "ERR\nERR\nx ERR\n", "1\n0"},
-      {"ERR", "sub/long", line1500, "2\n0"}};  // one line, three pieces, the middle one cut by a boundary
+      {"ERR", "sub/long", longLine, "2\n0"}};  // one line in three pieces, the first ERR cut by their boundary
   mkdir((dir.Path() + "/sub").c_str(), 0700);
   for (const auto& [keyword, file, text, outputAndStatus] : steps) {
     if (!text.empty()) dir.Write(file, text);
@@ -142,7 +142,7 @@ TEST(Kmsgwatch, CountsNewPiecesWithTheKeywordFromTheSavedPositionOrTheEndOfAShor
   }
   std::string position = "ERR" + dir.Path() + "/sub/long_pos.txt";
   std::replace(position.begin(), position.end(), '/', '-');
-  EXPECT_EQ(ReadFile(dir.Path() + "/" + position), std::to_string(line1500.size()));
+  EXPECT_EQ(ReadFile(dir.Path() + "/" + position), std::to_string(longLine.size()));
 }
 
 }  // namespace
