@@ -160,7 +160,9 @@ int main(int argc, char** argv) {
   struct statvfs tmp {};
   long long room = statvfs("/tmp", &tmp) == 0 ? static_cast<long long>(tmp.f_bavail) * tmp.f_frsize / 4 : 0;
   long long logBytes = std::min(kWantedLogBytes, room);
-  if (logBytes < kWantedLogBytes) std::printf("NOTE: /tmp is short of room: a log of %lld MiB, not 1 GiB\n", logBytes >> 20);
+  if (logBytes < kWantedLogBytes) {
+    std::printf("NOTE: /tmp is short of room: a log of %lld MiB, not 1 GiB\n", logBytes >> 20);
+  }
   if (logBytes > 0 && MakeLog(logBytes)) g_llLogBytes = logBytes;
 
   RatioReporter reporter;

@@ -20,16 +20,18 @@ namespace {
 
 using Collectors = AgentTest;
 
-// "/bin/sh <dir>/<name>" until destroyed, seen in /proc once constructed.
+// "/bin/sh <dir>/<name>" in a group of its own until destroyed, seen in /proc once constructed.
 struct ScriptProcess {
   ScriptProcess(const TempDir& dir, const std::string& name) {
     std::string path = dir.Write(name, "while :; do sleep 1; done\n");
     pid = fork();
-    if (pid == 0) execl("/bin/sh", "sh", path.c_str(), static_cast<char*>(nullptr)), _exit(127);
-    for (int wait = 0; wait < 200 && ReadFile("/proc/" + std::to_string(pid) + "/cmdline").find(name) == std::string::npos; ++wait)
+    if (pid == 0) setpgid(0, 0), execl("/bin/sh", "sh", path.c_str(), static_cast<char*>(nullptr)), _exit(127);
+    std::string cmdline = "/proc/" + std::to_string(pid) + "/cmdline";
+    for (int wait = 0; wait < 200 && ReadFile(cmdline).find(name) == std::string::npos; ++wait) {
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
   }
-  ~ScriptProcess() { kill(pid, SIGKILL), waitpid(pid, nullptr, 0); }
+  ~ScriptProcess() { kill(-pid, SIGKILL), waitpid(pid, nullptr, 0); }
   pid_t pid;
 };
 
@@ -122,7 +124,8 @@ TEST_F(Collectors, TheFactoryMakesTypesOneAndTwoAndLogsAnyOtherType) {
 
 TEST(Kmsgwatch, CountsNewPiecesWithTheKeywordFromTheSavedPositionOrTheEndOfAShorterFile) {
   TempDir dir;
-  std::string longLine = std::string(1021, 'a') + "ERR" + std::string(1000, 'b') + "ERR" + std::string(30, 'c') + "ERR\n";
+  std::string longLine =
+      std::string(1021, 'a') + "ERR" + std::string(1000, 'b') + "ERR" + std::string(30, 'c') + "ERR\n";
   const std::tuple<const char*, const char*, std::string, std::string> steps[] = {
       {"", "", "", "Usage: ./kmsgwatch keyword targetfile \n1"},
       {"ERR", "log", "a\nERR 1\nb\nc ERR\nd\ne\nf\ng\nh\nERR\n", "3\n0"},
