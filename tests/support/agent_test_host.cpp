@@ -2,6 +2,8 @@
 // programs that link the agent pull them in.
 #include <new>
 
+#include "collectors/kernel_logs_product.h"
+#include "collectors/process_monitor_product.h"
 #include "entry/ovita2_agent.h"
 #include "entry/so_entry.h"
 #include "framework/routine_util.h"
@@ -74,6 +76,8 @@ void ResetAgentState() {
   g_vecUpper.clear();
   g_vecStringUpper.clear();
   g_vecSecondInfo.clear();
+  ProcessMonitorProduct::mapWarnProcessInfo.clear();
+  KernelLogsProduct::ResetSharedState();
   Rebuild(JobContainer::Instance());
   Rebuild(JobConfContainer::Instance());
   Rebuild(NameContainer::Instance());
