@@ -7,6 +7,8 @@
 
 #include "agent_test.h"
 #include "entry/ovita2_agent.h"
+#include "framework/host_api.h"
+#include "jobs/execute_jobs_of_conf.h"
 #include "jobs/job_conf_container.h"
 #include "jobs/job_container.h"
 #include "jobs/update_job_confs.h"
@@ -151,6 +153,35 @@ TEST_F(Jobs, AConfigurationPassAsksTypeAfterTypeUntilAnEmptyListThenIdlesAHundre
   host_.Start(new UpdateJobConfsMachine());
   ASSERT_TRUE(host_.Peer("10.3.0.1", 9200).ReadFrame(&request));
   EXPECT_EQ(request.body().GetExtension(zelvar::ovita2::get_conf_request).conf_type(), 1u);
+}
+
+TEST_F(Jobs, ConfiguredCollectorsReportWhatTheyFindAsTextSamplesOfTheAgentAtMostEveryThirtySeconds) {
+  host_.SetConfig("common", "agentname", "agent-7");
+  host_.SetLogLevel(1);
+  JobConfContainer* confs = JobConfContainer::Instance();
+  confs->UpdateJobConfs(1, Confs(1, {"no-such-process-anywhere", "agent_unit_test"}));  // parameter 1: case-sensitive
+  confs->UpdateJobConfs(3, Confs(3, {"unknown-kind"}));
+  confs->GetJobConfs()[1]["never-configured"] = 0;
+  auto runAt = [&](int64_t seconds) {
+    host_.AdvanceClock(seconds);
+    host_.Start(new ExecuteJobsOfConfMachine());
+  };
+  runAt(0);
+  ASSERT_EQ(g_vecStringUpper.size(), 1u) << "a process that runs is not reported";
+  const string_stats_info_st& sample = g_vecStringUpper[0];
+  EXPECT_EQ(sample.name + "/" + std::to_string(sample.job_id) + "/" + sample.value, "agent-7/1/no-such-process-anywhere:-1");
+  EXPECT_EQ(sample.time, static_cast<uint64_t>(ovita2::HostNow()));
+  EXPECT_TRUE(host_.Logged("|product is NULL,type:3"));
+  EXPECT_TRUE(host_.Logged("|product operation value: |type: 1;"));
+  EXPECT_FALSE(host_.Logged("never-configured"));
+  runAt(29);
+  EXPECT_EQ(g_vecStringUpper.size(), 1u);
+  ExecuteJobsOfConfMachine::m_bRunning = true;
+  runAt(1);
+  EXPECT_EQ(g_vecStringUpper.size(), 1u) << "a pass under way lets no other start";
+  ExecuteJobsOfConfMachine::m_bRunning = false;
+  runAt(0);
+  EXPECT_EQ(g_vecStringUpper.size(), 2u);
 }
 
 TEST(SecondPhaseArgs, EveryPieceBetweenBarsIsAToken) {

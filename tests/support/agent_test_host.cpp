@@ -7,6 +7,7 @@
 #include "entry/ovita2_agent.h"
 #include "entry/so_entry.h"
 #include "framework/routine_util.h"
+#include "jobs/execute_jobs_of_conf.h"
 #include "jobs/job_conf_container.h"
 #include "jobs/job_container.h"
 #include "jobs/update_job_confs.h"
@@ -68,6 +69,7 @@ void ResetAgentState() {
   g_iAggrPort = 0;
   g_highprecision_frequency = kDefaultHighPrecisionFrequency;
   ExecuteJobsMachine::m_bRunning = false;
+  ExecuteJobsOfConfMachine::m_bRunning = false;
   ExecuteHpJobsMachine::m_bRunning = false;
   SecondPhaseMachine::isRunning = false;
   g_mapHpSecondInfo.clear();
