@@ -31,9 +31,9 @@ TEST(AgentLibrary, RoutinesStartInTheirOrderOnePerTickThenOnTheirIntervals) {
     }
     return names;
   };
-  EXPECT_EQ(startedBy(11), "UpdateTaskQueueMachine UpdateNamesMachine UpdateJobsMachine UpdateAggregationMachine "
-                           "SendUpperMachine SecondPhaseMachine RegisterMyselfMachine HeartBeatMachine "
-                           "ExecuteJobsMachine ExecuteHpJobsMachine - ");
+  EXPECT_EQ(startedBy(13), "UpdateTaskQueueMachine UpdateNamesMachine UpdateJobsMachine UpdateJobConfsMachine "
+                           "UpdateAggregationMachine SendUpperMachine SecondPhaseMachine RegisterMyselfMachine "
+                           "HeartBeatMachine ExecuteJobsOfConfMachine ExecuteJobsMachine ExecuteHpJobsMachine - ");
   host.AdvanceClock(5);
   EXPECT_EQ(startedBy(2), "ExecuteHpJobsMachine - ");
   host.AdvanceClock(5);

@@ -7,7 +7,11 @@
 
 #include "agent_test.h"
 #include "entry/ovita2_agent.h"
+#include "framework/host_api.h"
+#include "jobs/execute_jobs_of_conf.h"
+#include "jobs/job_conf_container.h"
 #include "jobs/job_container.h"
+#include "jobs/update_job_confs.h"
 #include "jobs/update_jobs.h"
 #include "naming/update_aggregation.h"
 #include "naming/update_task_queue.h"
@@ -87,6 +91,97 @@ TEST_F(UpdateJobs, OnlyAListWithJobsReplacesTheScheduleAndEveryReplyIsGivenBack)
     EXPECT_EQ(host_.Releases(host_.LastRouted()), 1) << code << "/" << jobs;
     EXPECT_EQ(JobContainer::Instance()->GetObjectJobs().size(), objectsAfter);
   }
+}
+
+// A reply listing `targets`, each with the parameter "<type>".
+zelvar::ovita2::GetConfResponse Confs(uint32_t type, std::initializer_list<const char*> targets) {
+  zelvar::ovita2::GetConfResponse response;
+  for (const char* target : targets) {
+    zelvar::ovita2::ConfObject* conf = response.add_confs();
+    conf->set_target(target), conf->set_parameter(std::to_string(type));
+  }
+  return response;
+}
+
+TEST_F(Jobs, ARefreshOfAKnownCollectorTypeRebuildsTheTypeTableWithThatTypeAlone) {
+  JobConfContainer* confs = JobConfContainer::Instance();
+  using Table = JobConfContainer::TypeTargets;
+  confs->UpdateJobConfs(1, Confs(1, {"sshd", "cron"}));
+  confs->UpdateJobConfs(2, Confs(2, {"oom", "cron"}));
+  EXPECT_EQ(confs->GetJobConfs(), (Table{{1, {{"cron", 0}, {"sshd", 0}}}, {2, {{"cron", 0}, {"oom", 0}}}}));
+  EXPECT_EQ(confs->GetJobConfDefine("cron")->parameter(), "2") << "one configuration per target, the later wins";
+  confs->GetJobConfs()[1]["sshd"] = 500;
+  confs->GetJobConfs()[2]["oom"] = 600;
+  confs->UpdateJobConfs(1, Confs(1, {"sshd", "nginx"}));
+  EXPECT_EQ(confs->GetJobConfs(), (Table{{1, {{"nginx", 0}, {"sshd", 500}}}}));
+  confs->UpdateJobConfs(2, Confs(2, {"oom"}));
+  EXPECT_EQ(confs->GetJobConfs(), (Table{{1, {{"nginx", 0}, {"sshd", 500}}}, {2, {{"oom", 0}}}}))
+      << "a type met again after the rebuild is new: it is only added";
+  EXPECT_NE(confs->GetJobConfDefine("cron"), nullptr) << "configurations are never pruned";
+  EXPECT_EQ(confs->GetJobConfDefine("absent"), nullptr);
+}
+
+TEST_F(Jobs, AConfigurationPassAsksTypeAfterTypeUntilAnEmptyListThenIdlesAHundredRuns) {
+  host_.SetConfig("common", "agentname", "agent-7");
+  g_strTQIP = "10.3.0.1";
+  g_iTQPort = 9200;
+  // The type each run asks for (0: nothing sent) and how the task queue answers it.
+  enum Answer { kConfs, kNone, kError };
+  const std::pair<uint32_t, Answer> runs[] = {{1, kConfs}, {2, kError}, {2, kConfs}, {3, kNone}};
+  for (const auto& [type, answer] : runs) {
+    host_.Start(new UpdateJobConfsMachine());
+    zelvar::ZMessage request, reply;
+    ASSERT_TRUE(host_.Peer("10.3.0.1", 9200).ReadFrame(&request)) << type;
+    const auto& asked = request.body().GetExtension(zelvar::ovita2::get_conf_request);
+    EXPECT_EQ(asked.conf_type(), type);
+    EXPECT_EQ(asked.agent_name() + std::to_string(request.head().message_type()), "agent-768010");
+    zelvar::MakeResponse(request, 68011, &reply);
+    auto* response = reply.mutable_body()->MutableExtension(zelvar::ovita2::get_conf_response);
+    if (answer == kConfs) *response = Confs(type, {"t"});
+    if (answer == kError) response->mutable_rc()->set_code(7);
+    host_.Peer("10.3.0.1", 9200).Send(reply);
+    host_.RunPending();
+    EXPECT_EQ(host_.Releases(host_.LastRouted()), 1);
+  }
+  EXPECT_EQ(JobConfContainer::Instance()->GetJobConfs().size(), 2u);
+  EXPECT_TRUE(host_.Logged("|query job_confs failed, "));
+  zelvar::ZMessage request;
+  for (int run = 0; run < UpdateJobConfsMachine::kIdleRuns; ++run) {
+    host_.Start(new UpdateJobConfsMachine());
+    ASSERT_FALSE(host_.Peer("10.3.0.1", 9200).ReadFrame(&request)) << run;
+  }
+  host_.Start(new UpdateJobConfsMachine());
+  ASSERT_TRUE(host_.Peer("10.3.0.1", 9200).ReadFrame(&request));
+  EXPECT_EQ(request.body().GetExtension(zelvar::ovita2::get_conf_request).conf_type(), 1u);
+}
+
+TEST_F(Jobs, ConfiguredCollectorsReportWhatTheyFindAsTextSamplesOfTheAgentAtMostEveryThirtySeconds) {
+  host_.SetConfig("common", "agentname", "agent-7");
+  host_.SetLogLevel(1);
+  JobConfContainer* confs = JobConfContainer::Instance();
+  confs->UpdateJobConfs(1, Confs(1, {"no-such-process-anywhere", "agent_unit_test"}));  // parameter 1: case-sensitive
+  confs->UpdateJobConfs(3, Confs(3, {"unknown-kind"}));
+  confs->GetJobConfs()[1]["never-configured"] = 0;
+  auto runAt = [&](int64_t seconds) {
+    host_.AdvanceClock(seconds);
+    host_.Start(new ExecuteJobsOfConfMachine());
+  };
+  runAt(0);
+  ASSERT_EQ(g_vecStringUpper.size(), 1u) << "a process that runs is not reported";
+  const string_stats_info_st& sample = g_vecStringUpper[0];
+  EXPECT_EQ(sample.name + "/" + std::to_string(sample.job_id) + "/" + sample.value, "agent-7/1/no-such-process-anywhere:-1");
+  EXPECT_EQ(sample.time, static_cast<uint64_t>(ovita2::HostNow()));
+  EXPECT_TRUE(host_.Logged("|product is NULL,type:3"));
+  EXPECT_TRUE(host_.Logged("|product operation value: |type: 1;"));
+  EXPECT_FALSE(host_.Logged("never-configured"));
+  runAt(29);
+  EXPECT_EQ(g_vecStringUpper.size(), 1u);
+  ExecuteJobsOfConfMachine::m_bRunning = true;
+  runAt(1);
+  EXPECT_EQ(g_vecStringUpper.size(), 1u) << "a pass under way lets no other start";
+  ExecuteJobsOfConfMachine::m_bRunning = false;
+  runAt(0);
+  EXPECT_EQ(g_vecStringUpper.size(), 2u);
 }
 
 TEST(SecondPhaseArgs, EveryPieceBetweenBarsIsAToken) {

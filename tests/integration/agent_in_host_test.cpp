@@ -59,6 +59,11 @@ struct FakeServices {
       case ov::GET_TASK_QUEUE_REQUEST: point(body->MutableExtension(ov::get_task_queue_response), "tq-1"); break;
       case ov::GET_AGGREGATION_REQUEST: point(body->MutableExtension(ov::get_aggregation_response), "aggr-1"); break;
       case ov::GET_JOB_REQUEST: *body->MutableExtension(ov::get_job_response) = jobs; break;
+      case ov::GET_CONF_REQUEST: {  // a type with nothing configured ends the agent's pass
+        uint32_t confType = request.body().GetExtension(ov::get_conf_request).conf_type();
+        *body->MutableExtension(ov::get_conf_response) = confs[confType];
+        break;
+      }
       case ov::RECORD_STATS_REQUEST: body->MutableExtension(tl::record_stats_response)->mutable_rc(); break;
       case ov::RECORD_STRING_STATS_REQUEST: body->MutableExtension(tl::record_string_stats_response)->mutable_rc(); break;
       default: return false;
@@ -72,6 +77,7 @@ struct FakeServices {
   int listenFd;
   int namedPort = 0;  // where the task queue and aggregation answers point
   ov::GetJobResponse jobs;
+  std::map<uint32_t, ov::GetConfResponse> confs;  // by collector type
   std::multimap<unsigned, zelvar::ZMessage> received;
   std::map<int, std::string> inputs;  // connection -> bytes not yet framed
 };
@@ -165,6 +171,26 @@ TEST_F(AgentInHost, CounterRatesSecondPhasesAndHeartbeatsReachTheirServices) {
   for (auto& sample : *text.mutable_stats()) sample.clear_time();
   EXPECT_EQ(text.ShortDebugString(), R"(stats { name: "kernel" job_id: 2 value: "line one\nline two\n" })");
   EXPECT_GT(agent.Count("long action stderr: 3, "), 0u) << agent.LogText();
+}
+
+TEST_F(AgentInHost, AProcessConfiguredForWatchingButNotRunningIsReportedAsATextSampleOfTheAgent) {
+  ov::ConfObject* watched = queue.confs[1].add_confs();
+  watched->set_target("ovita2-no-such-daemon"), watched->set_parameter("3");
+  ASSERT_NO_FATAL_FAILURE(UntilJobsAsked());
+  auto confsAsked = [&] { return queue.received.count(ov::GET_CONF_REQUEST); };
+  for (int run = 0; run < 5 && confsAsked() < 2; ++run) {
+    agent.host().Clock().Skip(30);
+    agent.RunUntil([&] { return services.Serve(), queue.Serve(), confsAsked() >= 2; }, 1.0);
+  }
+  ASSERT_EQ(confsAsked(), 2u) << "type 1, then the empty type 2 ends the pass";
+  agent.host().Clock().Skip(300);
+  ASSERT_TRUE(UntilLogged("|product operation value: ")) << agent.LogText();
+  agent.host().Clock().Skip(10);
+  ASSERT_TRUE(UntilAsked(queue, ov::RECORD_STRING_STATS_REQUEST)) << agent.LogText();
+  auto text = queue.First(ov::RECORD_STRING_STATS_REQUEST).GetExtension(tl::record_string_stats_request);
+  ASSERT_EQ(text.stats_size(), 1);
+  EXPECT_EQ(text.stats(0).name() + " " + std::to_string(text.stats(0).job_id()) + " " + text.stats(0).value(),
+            "it 1 ovita2-no-such-daemon:-1");
 }
 
 }  // namespace

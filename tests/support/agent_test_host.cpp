@@ -2,10 +2,15 @@
 // programs that link the agent pull them in.
 #include <new>
 
+#include "collectors/kernel_logs_product.h"
+#include "collectors/process_monitor_product.h"
 #include "entry/ovita2_agent.h"
 #include "entry/so_entry.h"
 #include "framework/routine_util.h"
+#include "jobs/execute_jobs_of_conf.h"
+#include "jobs/job_conf_container.h"
 #include "jobs/job_container.h"
+#include "jobs/update_job_confs.h"
 #include "jobs/update_jobs.h"
 #include "naming/name_container.h"
 #include "naming/register_myself.h"
@@ -37,6 +42,18 @@ void ResetSlowCounter() {
   UpdateJobsMachine().Entry_Init(zelvar::event_key_t{}, nullptr);
   g_need_updatejobs = false;
 }
+
+// The same for the configuration pass, which then stands where a fresh
+// process starts it: a pass begins at type 1.
+void ResetConfPass() {
+  UpdateJobConfsMachine::g_need_updatejobconfs = false;
+  for (int run = 0; run < UpdateJobConfsMachine::kIdleRuns; ++run) {
+    UpdateJobConfsMachine().Entry_Init(zelvar::event_key_t{}, nullptr);
+  }
+  UpdateJobConfsMachine::g_need_updatejobconfs = true;
+  UpdateJobConfsMachine().Entry_Init(zelvar::event_key_t{}, nullptr);
+  UpdateJobConfsMachine::m_conf_type = 1;
+}
 }  // namespace
 
 TestHost::TestHost(unsigned defaultMachineTimeoutSec)
@@ -44,6 +61,7 @@ TestHost::TestHost(unsigned defaultMachineTimeoutSec)
 
 void ResetAgentState() {
   ResetSlowCounter();
+  ResetConfPass();
   g_strTQName.clear();
   g_iTQPort = 0;
   g_strAggrName.clear();
@@ -51,6 +69,7 @@ void ResetAgentState() {
   g_iAggrPort = 0;
   g_highprecision_frequency = kDefaultHighPrecisionFrequency;
   ExecuteJobsMachine::m_bRunning = false;
+  ExecuteJobsOfConfMachine::m_bRunning = false;
   ExecuteHpJobsMachine::m_bRunning = false;
   SecondPhaseMachine::isRunning = false;
   g_mapHpSecondInfo.clear();
@@ -59,7 +78,10 @@ void ResetAgentState() {
   g_vecUpper.clear();
   g_vecStringUpper.clear();
   g_vecSecondInfo.clear();
+  ProcessMonitorProduct::mapWarnProcessInfo.clear();
+  KernelLogsProduct::ResetSharedState();
   Rebuild(JobContainer::Instance());
+  Rebuild(JobConfContainer::Instance());
   Rebuild(NameContainer::Instance());
   // Every routine back to "never run", in registration order.
   RoutineUtil fresh;
