@@ -31,14 +31,14 @@ TEST(AgentLibrary, RoutinesStartInTheirOrderOnePerTickThenOnTheirIntervals) {
     }
     return names;
   };
-  EXPECT_EQ(startedBy(11), "UpdateTaskQueueMachine UpdateNamesMachine UpdateJobsMachine UpdateAggregationMachine "
-                           "SendUpperMachine SecondPhaseMachine RegisterMyselfMachine HeartBeatMachine "
-                           "ExecuteJobsMachine ExecuteHpJobsMachine - ");
+  EXPECT_EQ(startedBy(12), "UpdateTaskQueueMachine UpdateNamesMachine UpdateJobsMachine UpdateAggregationMachine "
+                           "SendUpperMachine SecondPhaseMachine RegisterMyselfMachine RealTimeCollectMachine "
+                           "HeartBeatMachine ExecuteJobsMachine ExecuteHpJobsMachine - ");
   host.AdvanceClock(5);
   EXPECT_EQ(startedBy(2), "ExecuteHpJobsMachine - ");
   host.AdvanceClock(5);
-  EXPECT_EQ(startedBy(7), "UpdateTaskQueueMachine UpdateAggregationMachine SendUpperMachine SecondPhaseMachine "
-                          "ExecuteJobsMachine ExecuteHpJobsMachine - ");
+  EXPECT_EQ(startedBy(8), "UpdateTaskQueueMachine UpdateAggregationMachine SendUpperMachine SecondPhaseMachine "
+                          "RealTimeCollectMachine ExecuteJobsMachine ExecuteHpJobsMachine - ");
 }
 
 }  // namespace
