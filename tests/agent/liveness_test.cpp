@@ -36,12 +36,11 @@ TEST_F(RealTime, EnablingRefreshesTheItemAndOnlyDisablingAnUnknownItemIsRefused)
 
 TEST_F(RealTime, ACycleRunsTheFreshItemsScriptsOneCycleAtATimeUntilTheLastAnswerOrTimeout) {
   EXPECT_FALSE(host_.IsAlive(host_.Start(RealTimeCollectCreateMySelf()).id) || RealTimeCollectMachine::m_rtRunning);
-  uint32_t now, id;  // again until the table and the machine saw the same second
-  do {
+  uint32_t now, id;
+  do {  // again until the table and the machine saw the same second; for 9 the clock went back
     RealTimeCollectMachine::m_rtRunning = false, now = static_cast<uint32_t>(std::time(nullptr));
-    g_mapRealtimeConf = {{12, now - 300}, {3, now}, {5, now - 301}, {9, now + 60}};  // 9: the clock went back
-    id = host_.Start(RealTimeCollectCreateMySelf()).id;
-  } while (now != static_cast<uint32_t>(std::time(nullptr)));
+    g_mapRealtimeConf = {{12, now - 300}, {3, now}, {5, now - 301}, {9, now + 60}};
+  } while (id = host_.Start(RealTimeCollectCreateMySelf()).id, now != static_cast<uint32_t>(std::time(nullptr)));
   EXPECT_EQ(g_mapRealtimeConf, (Table{{3, now}, {12, now - 300}}));
   const size_t launched = host_.LongActions().size();
   ASSERT_GE(launched, 2u);

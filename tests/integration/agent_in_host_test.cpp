@@ -191,8 +191,8 @@ TEST_F(AgentInHost, AnItemEnabledOnTheListeningPortHasTheCompleteLinesOfItsScrip
     return answer.size() >= 4 && answer.size() >= 4 + zelvar::FrameBodyLength(reinterpret_cast<const unsigned char*>(answer.data()));
   }));
   ASSERT_TRUE(reply.ParseFromString(answer.substr(4)));
-  EXPECT_EQ(reply.head().message_type(), ov::ENABLE_REAL_TIME_MONITOR_RESPONSE);
-  EXPECT_EQ(reply.body().GetExtension(ov::enable_real_time_monitor_response).rc().ShortDebugString(), "code: 0");
+  EXPECT_EQ(std::to_string(reply.head().message_type()) + " " +
+                reply.body().GetExtension(ov::enable_real_time_monitor_response).rc().ShortDebugString(), "66013 code: 0");
   ASSERT_TRUE(agent.StartMachine(9000014));  // RealTimeCollectMachine, without waiting out its 10 s
   ASSERT_TRUE(Until([&] { return services.received.count(ov::SEND_REAL_TIME_BUFF_REQUEST) >= 3; })) << agent.LogText();
   std::string lines;
