@@ -181,18 +181,20 @@ TEST_F(AgentInHost, AnItemEnabledOnTheListeningPortHasTheCompleteLinesOfItsScrip
   setenv("HOME", home.Path().c_str(), 1);
   ASSERT_TRUE(UntilLogged("|name=TELLAR2_ACCESS, ")) << agent.LogText();
   zelvar::ZMessage request, reply;
-  zelvar::NewMessage(&request, 1, "ctl", ov::ENABLE_REAL_TIME_MONITOR_REQUEST, 0, false, 0, 0, nullptr, nullptr, nullptr);
+  zelvar::NewMessage(&request, 1, "ctl", ov::ENABLE_REAL_TIME_MONITOR_REQUEST, 0, false, 0, 0, nullptr, nullptr,
+                     nullptr);
   request.mutable_body()->MutableExtension(ov::enable_real_time_monitor_request)->set_item_id(4);
   struct Client { int fd; ~Client() { close(fd); } } client{ovita2::testing::ConnectLoopback(agentPort)};
   ASSERT_TRUE(ovita2::testing::SendAll(client.fd, zelvar::EncodeFrame(request)));
   std::string answer;
   ASSERT_TRUE(Until([&] {
     ovita2::testing::ReadAvailable(client.fd, &answer);
-    return answer.size() >= 4 && answer.size() >= 4 + zelvar::FrameBodyLength(reinterpret_cast<const unsigned char*>(answer.data()));
+    const auto* prefix = reinterpret_cast<const unsigned char*>(answer.data());
+    return answer.size() >= 4 && answer.size() >= 4 + zelvar::FrameBodyLength(prefix);
   }));
   ASSERT_TRUE(reply.ParseFromString(answer.substr(4)));
-  EXPECT_EQ(std::to_string(reply.head().message_type()) + " " +
-                reply.body().GetExtension(ov::enable_real_time_monitor_response).rc().ShortDebugString(), "66013 code: 0");
+  const auto& rc = reply.body().GetExtension(ov::enable_real_time_monitor_response).rc();
+  EXPECT_EQ(std::to_string(reply.head().message_type()) + " " + rc.ShortDebugString(), "66013 code: 0");
   ASSERT_TRUE(agent.StartMachine(9000014));  // RealTimeCollectMachine, without waiting out its 10 s
   ASSERT_TRUE(Until([&] { return services.received.count(ov::SEND_REAL_TIME_BUFF_REQUEST) >= 3; })) << agent.LogText();
   std::string lines;
