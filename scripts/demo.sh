@@ -80,6 +80,21 @@ agentname = demo
 myname = /ovita2/agents/demo
 EOF
 
+# The agent runs the script of an item enabled for real-time monitoring from
+# ~/ovita2/agent/plugin/real_time_task/ITEM.sh, "~" being the HOME of the host
+# process. Its host gets a HOME inside the run folder, so the demo never writes
+# into yours; item 1 tells about this machine.
+agent_home=$run_dir/agent-home
+task_dir=$agent_home/ovita2/agent/plugin/real_time_task
+mkdir -p "$task_dir"
+cat >"$task_dir/1.sh" <<'EOF'
+#!/bin/sh
+# Real-time item 1 of the demo: each line printed is sent on its own.
+echo "$(hostname): up $(cut -d' ' -f1 /proc/uptime) s, load $(cut -d' ' -f1-3 /proc/loadavg)"
+echo "$(hostname): $(awk '/MemAvailable/ { print int($2 / 1024) }' /proc/meminfo) MiB available, $(ls /proc | grep -c '^[0-9]') processes"
+EOF
+chmod +x "$task_dir/1.sh"
+
 children=()
 stopping=
 stop() {
@@ -113,6 +128,7 @@ narrate() {
                                       show("control plane: job list sent to agent " $0 "); first samples within 20 s") }
     /controlplane: heartbeat of/    { sub(/.*controlplane: heartbeat of /, "");
                                       print time "  control plane: heartbeat from " $0; fflush() }
+    /RealTimeCollectMachine.*long action stderr:/ { sub(/.*long action stderr: /, ""); show("agent: a real-time script failed: " $0); next }
     /long action stderr:/           { sub(/.*long action stderr: /, ""); show("agent: a job failed: " $0) }
     / ERROR controlplane:/          { sub(/.* ERROR controlplane: /, ""); show("control plane error: " $0) }
   '
@@ -143,7 +159,7 @@ for _ in $(seq 50); do
   fi
   sleep 0.1
 done
-"$bin/zelvar-host" -c "$run_dir/agent.ini" &
+HOME=$agent_home "$bin/zelvar-host" -c "$run_dir/agent.ini" &
 children+=($!)
 remind &
 children+=($!)
@@ -151,6 +167,10 @@ children+=($!)
 children+=($!)
 say "samples appear below as they are stored; Ctrl-C stops everything"
 say "(another terminal: $bin/ovita2ctl samples --db $database)"
+say "real-time monitoring, from another terminal (item 1 is $task_dir/1.sh):"
+say "  $bin/ovita2ctl enable 127.0.0.1:$agent_port 1     answers \"item 1 enabled\""
+say "  $bin/ovita2ctl lines --db $database --follow     its lines, every 10 s for 300 s unless enabled again"
+say "  $bin/ovita2ctl disable 127.0.0.1:$agent_port 1    stops them; an item not enabled is refused (exit status 1)"
 # Ctrl-C reaches both hosts too, and they stop with status 0; a host that
 # fails on its own says why in its log.
 status=0

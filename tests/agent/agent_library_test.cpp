@@ -31,14 +31,15 @@ TEST(AgentLibrary, RoutinesStartInTheirOrderOnePerTickThenOnTheirIntervals) {
     }
     return names;
   };
-  EXPECT_EQ(startedBy(13), "UpdateTaskQueueMachine UpdateNamesMachine UpdateJobsMachine UpdateJobConfsMachine "
+  EXPECT_EQ(startedBy(14), "UpdateTaskQueueMachine UpdateNamesMachine UpdateJobsMachine UpdateJobConfsMachine "
                            "UpdateAggregationMachine SendUpperMachine SecondPhaseMachine RegisterMyselfMachine "
-                           "HeartBeatMachine ExecuteJobsOfConfMachine ExecuteJobsMachine ExecuteHpJobsMachine - ");
+                           "RealTimeCollectMachine HeartBeatMachine ExecuteJobsOfConfMachine ExecuteJobsMachine "
+                           "ExecuteHpJobsMachine - ");
   host.AdvanceClock(5);
   EXPECT_EQ(startedBy(2), "ExecuteHpJobsMachine - ");
   host.AdvanceClock(5);
-  EXPECT_EQ(startedBy(7), "UpdateTaskQueueMachine UpdateAggregationMachine SendUpperMachine SecondPhaseMachine "
-                          "ExecuteJobsMachine ExecuteHpJobsMachine - ");
+  EXPECT_EQ(startedBy(8), "UpdateTaskQueueMachine UpdateAggregationMachine SendUpperMachine SecondPhaseMachine "
+                          "RealTimeCollectMachine ExecuteJobsMachine ExecuteHpJobsMachine - ");
 }
 
 }  // namespace

@@ -8,7 +8,10 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cstdlib>
+#include <filesystem>
 #include <map>
+#include <memory>
 
 #include "agent_host.h"
 #include "zelvar/frame.h"
@@ -93,7 +96,7 @@ class AgentInHost : public ::testing::Test {
     std::string at = "127.0.0.1:" + std::to_string(services.port);
     return "[embedded_registry]\n/ovita2/names/MASTER/m1 = " + at + "\n/ovita2/names/TELLAR2_ACCESS/a1 = " + at +
            "\n[common]\nmyname = /ovita2/agents/it\nagentname = it\nhighprecision_frequency = 10\n"
-           "[network]\nlisten-ip = 127.0.0.1\n"
+           "[network]\nlisten-ip = 127.0.0.1\nlisten-port = " + std::to_string(agentPort) + "\n"
            "[names]\nMASTER = /ovita2/names/MASTER\nTELLAR2_ACCESS = /ovita2/names/TELLAR2_ACCESS\n";
   }
   bool Until(const std::function<bool()>& done) {
@@ -118,6 +121,7 @@ class AgentInHost : public ::testing::Test {
 
   FakeServices services;  // master and statistics access, found by name
   FakeServices queue;     // task queue and aggregation, named by the two above
+  int agentPort = ovita2::testing::FreeLoopbackPort();
   ovita2::testing::AgentHost agent{EMBEDDED_REGISTRY_PATH, Sections()};
 };
 
@@ -191,6 +195,39 @@ TEST_F(AgentInHost, AProcessConfiguredForWatchingButNotRunningIsReportedAsATextS
   ASSERT_EQ(text.stats_size(), 1);
   EXPECT_EQ(text.stats(0).name() + " " + std::to_string(text.stats(0).job_id()) + " " + text.stats(0).value(),
             "it 1 ovita2-no-such-daemon:-1");
+}
+
+TEST_F(AgentInHost, AnItemEnabledOnTheListeningPortHasTheCompleteLinesOfItsScriptSentToStatisticsAccess) {
+  ovita2::testing::TempDir home;  // the host's HOME, where "~" of the script path leads
+  std::filesystem::create_directories(home.Path() + "/ovita2/agent/plugin/real_time_task");
+  std::filesystem::permissions(home.Write("ovita2/agent/plugin/real_time_task/4.sh", "printf 'one\\n\\ntwo\\nrest'"),
+                               std::filesystem::perms::owner_all);
+  const std::string oldHome = std::getenv("HOME") ? std::getenv("HOME") : "";
+  std::shared_ptr<void> restoreHome(nullptr, [&](void*) { setenv("HOME", oldHome.c_str(), 1); });
+  setenv("HOME", home.Path().c_str(), 1);
+  ASSERT_TRUE(UntilLogged("|name=TELLAR2_ACCESS, ")) << agent.LogText();
+  zelvar::ZMessage request, reply;
+  zelvar::NewMessage(&request, 1, "ctl", ov::ENABLE_REAL_TIME_MONITOR_REQUEST, 0, false, 0, 0, nullptr, nullptr,
+                     nullptr);
+  request.mutable_body()->MutableExtension(ov::enable_real_time_monitor_request)->set_item_id(4);
+  struct Client { int fd; ~Client() { close(fd); } } client{ovita2::testing::ConnectLoopback(agentPort)};
+  ASSERT_TRUE(ovita2::testing::SendAll(client.fd, zelvar::EncodeFrame(request)));
+  std::string answer;
+  ASSERT_TRUE(Until([&] {
+    ovita2::testing::ReadAvailable(client.fd, &answer);
+    const auto* prefix = reinterpret_cast<const unsigned char*>(answer.data());
+    return answer.size() >= 4 && answer.size() >= 4 + zelvar::FrameBodyLength(prefix);
+  }));
+  ASSERT_TRUE(reply.ParseFromString(answer.substr(4)));
+  const auto& rc = reply.body().GetExtension(ov::enable_real_time_monitor_response).rc();
+  EXPECT_EQ(std::to_string(reply.head().message_type()) + " " + rc.ShortDebugString(), "66013 code: 0");
+  ASSERT_TRUE(agent.StartMachine(9000014));  // RealTimeCollectMachine, without waiting out its 10 s
+  ASSERT_TRUE(Until([&] { return services.received.count(ov::SEND_REAL_TIME_BUFF_REQUEST) >= 3; })) << agent.LogText();
+  std::string lines;
+  for (auto [it, end] = services.received.equal_range(ov::SEND_REAL_TIME_BUFF_REQUEST); it != end; ++it) {
+    lines += it->second.body().GetExtension(ov::send_real_time_buff_request).line() + "|";
+  }
+  EXPECT_EQ(lines, "one||two|");
 }
 
 }  // namespace

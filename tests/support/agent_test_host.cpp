@@ -12,6 +12,8 @@
 #include "jobs/job_container.h"
 #include "jobs/update_job_confs.h"
 #include "jobs/update_jobs.h"
+#include "liveness/enable_real_time.h"
+#include "liveness/real_time_collect.h"
 #include "naming/name_container.h"
 #include "naming/register_myself.h"
 #include "naming/update_aggregation.h"
@@ -72,6 +74,8 @@ void ResetAgentState() {
   ExecuteJobsOfConfMachine::m_bRunning = false;
   ExecuteHpJobsMachine::m_bRunning = false;
   SecondPhaseMachine::isRunning = false;
+  RealTimeCollectMachine::m_rtRunning = false;
+  g_mapRealtimeConf.clear();
   g_mapHpSecondInfo.clear();
   RegisterMyselfMachine::m_bRegister = false;
   RegisterMyselfMachine::m_sLock = {0, 0};
