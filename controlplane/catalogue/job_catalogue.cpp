@@ -380,10 +380,10 @@ bool ReadWholeFile(const std::string& path, std::string* text, std::string* erro
 
 }  // namespace
 
-std::optional<uint32_t> AgentCatalogue::ObjectOfJob(uint32_t jobId) const {
+std::optional<uint32_t> AgentCatalogue::ObjectOfJob(uint32_t jobId, const std::string& statKey) const {
   std::optional<uint32_t> holder;
   for (const ObjectJob& objectJob : object_jobs) {
-    if (objectJob.job().job_id() != jobId) continue;
+    if (objectJob.job().job_id() != jobId || objectJob.job().stat_key() != statKey) continue;
     // Job ids are unique within an object, so a second hit is a second object.
     if (holder) return std::nullopt;
     holder = objectJob.object_id();

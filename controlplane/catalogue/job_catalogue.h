@@ -43,9 +43,11 @@ struct AgentCatalogue {
   // Collector configurations by collector type, in file order within a type.
   std::map<uint32_t, std::vector<zelvar::ovita2::ConfObject>> confs;
 
-  // The object that holds job `jobId`, when exactly one object of this agent
-  // has a job with that id (text samples carry the job id only).
-  std::optional<uint32_t> ObjectOfJob(uint32_t jobId) const;
+  // The object whose job `jobId` has the statistics key `statKey`, when
+  // exactly one has (text samples carry no object). A built-in collector's
+  // sample carries its collector type where a job id would be, and the agent's
+  // name as its key, so it belongs to no object.
+  std::optional<uint32_t> ObjectOfJob(uint32_t jobId, const std::string& statKey) const;
 };
 
 class JobCatalogue {

@@ -195,7 +195,7 @@ void ControlPlaneServices::StoreStringStats(const zelvar::ZMessage& request, Pee
     row.text = true;
     row.name = stats.name();
     row.job_id = stats.job_id();
-    if (jobs != nullptr) row.object_id = jobs->ObjectOfJob(stats.job_id());
+    if (jobs != nullptr) row.object_id = jobs->ObjectOfJob(stats.job_id(), stats.name());
     row.text_value = stats.value();
     row.sample_time = stats.time();
     rows.push_back(std::move(row));

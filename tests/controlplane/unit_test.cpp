@@ -135,8 +135,9 @@ zelvar::ZMessage NumericSample(int value) {
   return Request(61030, kTellar + "record_stats_request] { stats { name: 'x' object_id: 1 stat_item: 11 value: " +
                             std::to_string(value) + " } }");
 }
-zelvar::ZMessage TextSample(int job) {
-  return Request(61032, kTellar + "record_string_stats_request] { stats { name: 'y' job_id: " + std::to_string(job) +
+zelvar::ZMessage TextSample(int job, const std::string& name = "y") {
+  return Request(61032, kTellar + "record_string_stats_request] { stats { name: '" + name +
+                            "' job_id: " + std::to_string(job) +
                             " value: 'out' time: 1700000000 } }");
 }
 // Built when called: the extensions they name are registered by other files' static initialisers.
@@ -224,9 +225,11 @@ TEST_F(ServicesTest, WhatAnAgentSendsIsCreditedToItAcrossReconnectionsAndRestart
   Answer(AskAggregation(), &moved, 1500);   // a new address, but the same node path
   Answer(NumericSample(0), &moved);
   Answer(NumericSample(1), &stranger);
-  for (int job : {2, 1, 3}) Answer(TextSample(job), &moved);  // an object only when just one has the job
+  // The object whose job has that id and key: a collector's sample (the agent's name, its type as job) has none.
+  const std::pair<int, const char*> texts[] = {{2, "y"}, {1, "x"}, {1, "web-01"}};
+  for (const auto& [job, key] : texts) Answer(TextSample(job, key), &moved);
   EXPECT_EQ(Stored(), (std::vector<std::string>{"/a/web-01 1 5", "web-01 1 123", "web-01 1 -7", "web-01 1 0",
-                                                "10.0.0.77 1 1", "web-01 1 out", "web-01 - out", "web-01 2 out"}));
+                                                "10.0.0.77 1 1", "web-01 1 out", "web-01 2 out", "web-01 - out"}));
   const std::vector<SampleRow> rows = store.RecentSamples(SampleQuery(), &error);
   EXPECT_TRUE(rows.at(1).stat_item == 11 && rows.at(1).received_at == 1000 && rows.at(1).name == "x");
   EXPECT_TRUE(rows.at(5).job_id == 2 && rows.at(5).name == "y" && rows.at(5).sample_time == 1700000000);
