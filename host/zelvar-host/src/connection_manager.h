@@ -108,8 +108,6 @@ class ConnectionManager {
   bufferevent* ConnectTo(const char* ip, unsigned short port);
   // Closes every connection without calling the plug-ins or flushing (shutdown).
   void CloseAll();
-  // Input bytes held by all connections.
-  size_t BufferedInput() const { return m_uBuffered; }
 
  private:
   struct Connection {
