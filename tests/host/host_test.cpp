@@ -192,6 +192,40 @@ TEST(HostConnections, DeliverSplitAndBatchedFramesCloseOnBadOrOversizedInputAndR
   EXPECT_TRUE(fixture.RunUntil([&] { return probe.connects.size() == 7; })) << "a closed peer is connected anew";
 }
 
+TEST(HostConnections, AllShareOneInputBoundIdleOnesAreCutAndAClosedOneStillSendsItsQueue) {
+  int port = FreeLoopbackPort();
+  ProbeHost fixture("[network]\nlisten-ip = 127.0.0.1\ntotal_input_limit = 3000\nidle_timeout = 1\nlisten-port = " +
+                    std::to_string(port) + "\n[probe]\nflood_bytes = 33554432\n");
+  ASSERT_TRUE(fixture.control) << fixture.error;
+  std::string sink, log = fixture.dir.Path() + "/host.log";
+  auto closedByHost = [&](int fd) { return fixture.RunUntil([&] { return !ReadAvailable(fd, &sink); }); };
+  int silent = ConnectLoopback(port), spoke = ConnectLoopback(port), small = ConnectLoopback(port);
+  int large = ConnectLoopback(port);
+  SendAll(spoke, Frame("spoke"));
+  SendAll(small, Frame("small"));
+  ASSERT_TRUE(fixture.RunUntil([&] { return fixture.probe().seen.size() == 2; }));
+  SendAll(small, "\0\1\0\0"s + std::string(1000, 'a'));  // parts of 64 KiB frames
+  SendAll(large, "\0\1\0\0"s + std::string(2500, 'b'));
+  EXPECT_TRUE(closedByHost(large) && ReadAvailable(small, &sink)) << "the largest holder goes, at once";
+  EXPECT_TRUE(closedByHost(small) && closedByHost(silent)) << "a part that stays a part, and a peer that never speaks";
+  EXPECT_TRUE(ReadAvailable(spoke, &sink)) << "a peer that spoke keeps its idle connection";
+  SendAll(spoke, Frame("again"));
+  EXPECT_TRUE(fixture.RunUntil([&] { return fixture.probe().seen.size() == 3; }));
+  EXPECT_NE(ReadFile(log).find("over the total input limit of 3000"), std::string::npos);
+
+  int flood = ConnectLoopback(port), gone = ConnectLoopback(port);
+  SendAll(flood, Frame("flood"));  // 32 MiB answered, then the probe refuses the frame
+  SendAll(gone, Frame("flood"));
+  close(gone);
+  std::string expected(33554432, '\0');
+  sink.clear();
+  ASSERT_TRUE(closedByHost(flood));
+  for (size_t i = 0; i < expected.size(); ++i) expected[i] = static_cast<char>(i % 251);
+  EXPECT_TRUE(sink == expected) << sink.size() << " bytes reached the peer";
+  EXPECT_TRUE(fixture.RunUntil([&] { return ReadFile(log).find(" were not sent: ") != std::string::npos; }));
+  for (int fd : {silent, spoke, small, large, flood}) close(fd);
+}
+
 void RunLongAction(ProbeHost& fixture, uint32_t id, uint32_t flow, const std::string& command,
                    const char* name = "ExecuteShell2") {
   zelvar::ExecuteShell2 action(name);
@@ -266,8 +300,8 @@ bool Eventually(const std::function<bool()>& done) {
 
 // zelvar-host in a child process, stderr to `err`, killed and reaped however the test ends.
 struct HostProcess {
-  HostProcess(const std::string& args, const std::string& err) {
-    std::string command = "exec " ZELVAR_HOST_PATH " " + args + " 2>" + err;
+  HostProcess(const std::string& args, const std::string& err, const std::string& shellFirst = "") {
+    std::string command = shellFirst + "exec " ZELVAR_HOST_PATH " " + args + " 2>" + err;
     if ((pid = fork()) != 0) return;
     prctl(PR_SET_PDEATHSIG, SIGKILL);  // a test killed from outside takes its host with it
     execl("/bin/sh", "sh", "-c", command.c_str(), static_cast<char*>(nullptr));
@@ -318,6 +352,25 @@ TEST(HostBinary, StartUpErrorsFailTheExitOnOneLineAndARunningHostReopensItsLogOn
   EXPECT_EQ(ReadFile(err), "");
   std::regex stop(".{23} INFO log file reopened\n[^]*signal 15 \\(SIGTERM\\)\n[^]*probe unloaded\n[^]*host stopped\n");
   EXPECT_TRUE(std::regex_match(ReadFile(log), stop)) << ReadFile(log);
+}
+
+TEST(HostBinary, OutOfDescriptorsTheListenerPausesSaysSoOnceAndServesAgainOnceSomeClose) {
+  TempDir dir;
+  int port = FreeLoopbackPort();
+  std::string err = dir.Path() + "/err", log = dir.Path() + "/run.log", paused = "listener paused";
+  HostProcess host("-c " + dir.Write("run.ini", "[host]\nlog_file = run.log\nlog_level = 2\n[network]\nlisten-ip = "
+                                     "127.0.0.1\nlisten-port = " + std::to_string(port) + "\n[plugins]\np = " PROBE_PLUGIN_PATH),
+                   err, "ulimit -n 40; ");
+  ASSERT_TRUE(Eventually([&] { return ReadFile(log).find("zelvar-host started") != std::string::npos; }));
+  std::vector<int> clients;
+  for (int i = 0; i < 60; ++i) clients.push_back(ConnectLoopback(port));
+  ASSERT_TRUE(Eventually([&] { return ReadFile(log).find(paused) != std::string::npos; }));
+  std::this_thread::sleep_for(std::chrono::milliseconds(2500));  // two more tries at the limit
+  std::string text = ReadFile(log);
+  EXPECT_EQ(text.find(paused), text.rfind(paused)) << text;
+  EXPECT_LT(ReadFile(err).size(), 200u);
+  for (int fd : clients) close(fd);
+  EXPECT_TRUE(Eventually([&] { return ReadFile(log).find("accepting connections again") != std::string::npos; }));
 }
 
 }  // namespace

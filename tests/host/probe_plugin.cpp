@@ -5,6 +5,7 @@
 
 #include <cstring>
 #include <memory>
+#include <string>
 
 #include "probe_control.h"
 #include "zelvar/frame.h"
@@ -89,6 +90,12 @@ int OnDataIn(uint64_t connA, uint64_t connB, zelvar::ZMessage** messageOut, zelv
   auto* message = new zelvar::ZMessage();
   bool parsed = message->ParseFromArray(evbuffer_pullup(input, sizeof prefix + size) + sizeof prefix, size);
   evbuffer_drain(input, sizeof prefix + size);
+  if (parsed && message->head().session() == "flood") {  // a reply, then -1 as for a message no machine takes
+    std::string reply(ConfigInt("flood_bytes"), '\0');
+    for (size_t i = 0; i < reply.size(); ++i) reply[i] = static_cast<char>(i % 251);
+    bufferevent_write(bev, reply.data(), reply.size());
+    parsed = false;
+  }
   auto create = Host<zelvar::CreateMachineForMessageFn>(zelvar::kSlotCreateMachineForMessage);
   *machineOut = parsed ? create(message->head().message_type()) : nullptr;
   *messageOut = *machineOut != nullptr ? message : (Release(message), nullptr);

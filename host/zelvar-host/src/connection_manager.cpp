@@ -4,7 +4,9 @@
 #include <event2/buffer.h>
 #include <event2/bufferevent.h>
 #include <event2/listener.h>
+#include <event2/event.h>
 #include <event2/util.h>
+#include <malloc.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
@@ -16,11 +18,16 @@
 #include "logger.h"
 #include "plugin.h"
 #include "zelvar/message_pool.h"
+#include "zelvar/string_util.h"
 
 namespace zelvar_host {
 namespace {
 
 constexpr int kListenBacklog = 1024;
+// Freeing this much makes a trim worth its cost; trims come at most this often.
+constexpr size_t kTrimThreshold = 1024 * 1024;
+constexpr timeval kTrimDelay{1, 0};
+constexpr timeval kListenerPause{1, 0};
 // Every connection gets a serial of its own for the life of the process.
 uint64_t g_uNextSerial = 1;
 
@@ -69,13 +76,16 @@ void SetNoDelay(int fd) {
 
 ConnectionManager::ConnectionManager(event_base* base, Logger* log,
                                      const std::vector<std::unique_ptr<Plugin>>* plugins,
-                                     size_t inputLimit, Deliver deliver)
-    : m_pBase(base), m_pLog(log), m_pPlugins(plugins), m_uInputLimit(inputLimit),
-      m_fnDeliver(std::move(deliver)) {}
+                                     const ConnectionLimits& limits, Deliver deliver)
+    : m_pBase(base), m_pLog(log), m_pPlugins(plugins), m_sLimits(limits), m_fnDeliver(std::move(deliver)),
+      m_pListenerResume(evtimer_new(base, &ConnectionManager::OnListenerResume, this)),
+      m_pTrim(evtimer_new(base, &ConnectionManager::OnTrim, this)) {}
 
 ConnectionManager::~ConnectionManager() {
   StopListening();
   CloseAll();
+  event_free(m_pListenerResume);
+  event_free(m_pTrim);
 }
 
 bool ConnectionManager::Listen(const std::string& ip, int port, std::string* error) {
@@ -106,6 +116,7 @@ bool ConnectionManager::Listen(const std::string& ip, int port, std::string* err
     close(fd);
     return false;
   }
+  evconnlistener_set_error_cb(m_pListener, &ConnectionManager::OnAcceptError);
   m_pLog->Log(Logger::kInfo, "listening on %s:%d", host.c_str(), ListenPort());
   return true;
 }
@@ -124,6 +135,35 @@ int ConnectionManager::ListenPort() const {
 void ConnectionManager::StopListening() {
   if (m_pListener != nullptr) evconnlistener_free(m_pListener);
   m_pListener = nullptr;
+  evtimer_del(m_pListenerResume);
+}
+
+// Level-triggered accept would fail again at once, so the listener rests
+// while descriptors are short, instead of spinning the loop.
+void ConnectionManager::OnAcceptError(evconnlistener* listener, void* arg) {
+  auto* self = static_cast<ConnectionManager*>(arg);
+  int error = EVUTIL_SOCKET_ERROR();
+  evconnlistener_disable(listener);
+  evtimer_add(self->m_pListenerResume, &kListenerPause);
+  if (self->m_bAcceptFailing) return;
+  self->m_bAcceptFailing = true;
+  self->m_pLog->Log(Logger::kError, "cannot accept connections on port %d: %s; listener paused, retrying every %d s",
+                    self->ListenPort(), evutil_socket_error_to_string(error), static_cast<int>(kListenerPause.tv_sec));
+}
+
+void ConnectionManager::OnListenerResume(int, short, void* arg) {
+  auto* self = static_cast<ConnectionManager*>(arg);
+  if (self->m_pListener != nullptr) evconnlistener_enable(self->m_pListener);
+}
+
+void ConnectionManager::OnTrim(int, short, void*) { malloc_trim(0); }
+
+void ConnectionManager::RequestTrim(size_t released) {
+  if (released > kTrimThreshold && !evtimer_pending(m_pTrim, nullptr)) evtimer_add(m_pTrim, &kTrimDelay);
+}
+
+std::string ConnectionManager::Describe(const Connection& connection) const {
+  return connection.peer + " (" + std::to_string(connection.fd) + ":" + std::to_string(connection.serial) + ")";
 }
 
 ConnectionManager::Connection* ConnectionManager::Add(int fd, bufferevent* bev, bool outbound,
@@ -173,7 +213,7 @@ bufferevent* ConnectionManager::ConnectTo(const char* ip, unsigned short port) {
   Connection* connection = Add(fd, bev, true, peer);
   if (bufferevent_socket_connect(bev, reinterpret_cast<sockaddr*>(&address), static_cast<int>(length)) != 0) {
     m_pLog->Log(Logger::kError, "cannot connect to %s: %s", peer.c_str(), std::strerror(errno));
-    Close(connection, false);
+    Close(connection, false, "the connect failed");
     return nullptr;
   }
   m_mapOutbound[peer] = connection->serial;
@@ -185,6 +225,10 @@ bufferevent* ConnectionManager::ConnectTo(const char* ip, unsigned short port) {
 
 void ConnectionManager::OnAccept(evconnlistener*, int fd, sockaddr* address, int, void* arg) {
   auto* self = static_cast<ConnectionManager*>(arg);
+  if (self->m_bAcceptFailing) {
+    self->m_bAcceptFailing = false;
+    self->m_pLog->Log(Logger::kInfo, "accepting connections again");
+  }
   SetNoDelay(fd);
   bufferevent* bev = bufferevent_socket_new(self->m_pBase, fd, BEV_OPT_CLOSE_ON_FREE);
   if (bev == nullptr) {
@@ -193,6 +237,7 @@ void ConnectionManager::OnAccept(evconnlistener*, int fd, sockaddr* address, int
   }
   Connection* connection = self->Add(fd, bev, false, DescribeAddress(address));
   bufferevent_enable(bev, EV_READ | EV_WRITE);
+  self->UpdateIdleTimeout(connection);
   self->m_pLog->Log(Logger::kDebug, "accepted %s (connection %d:%llu)", connection->peer.c_str(), fd,
                     static_cast<unsigned long long>(connection->serial));
   self->NotifyConnect(*connection);
@@ -217,6 +262,13 @@ void ConnectionManager::OnEvent(bufferevent*, short what, void* arg) {
     self->NotifyConnect(*connection);
     return;
   }
+  if (what & BEV_EVENT_TIMEOUT) {
+    self->CloseFlushing(connection, Logger::kError,
+                        zelvar::FormatString(connection->buffered > 0 ? "no byte in %u s while part of a message is held"
+                                                               : "no complete message in %u s after it was accepted",
+                                      self->m_sLimits.idle_timeout_sec));
+    return;
+  }
   if (what & BEV_EVENT_ERROR) {
     int error = EVUTIL_SOCKET_ERROR();
     self->m_pLog->Log(Logger::kInfo, "connection %s (%d:%llu) closed: %s", connection->peer.c_str(),
@@ -227,7 +279,7 @@ void ConnectionManager::OnEvent(bufferevent*, short what, void* arg) {
                       connection->peer.c_str(), connection->fd,
                       static_cast<unsigned long long>(connection->serial));
   }
-  self->Close(connection, true);
+  self->Close(connection, true, "the connection ended");
 }
 
 ConnectionManager::Step ConnectionManager::CallDataIn(Connection* connection, Plugin* plugin, int* result) {
@@ -271,51 +323,158 @@ ConnectionManager::Step ConnectionManager::OfferOnce(Connection* connection) {
 
 void ConnectionManager::ReadInput(Connection* connection) {
   evbuffer* input = bufferevent_get_input(connection->bev);
+  size_t arrived = evbuffer_get_length(input);
   size_t length;
   while ((length = evbuffer_get_length(input)) > 0) {
     Step step = OfferOnce(connection);
     if (step == Step::kFailed) {
-      m_pLog->Log(Logger::kInfo, "connection %s (%d:%llu) closed: its data could not be decoded",
-                  connection->peer.c_str(), connection->fd,
-                  static_cast<unsigned long long>(connection->serial));
-      Close(connection, true);
+      CloseFlushing(connection, Logger::kInfo, "its data could not be decoded");
       return;
     }
     if (step == Step::kNeedMore) break;
+    connection->spoke = true;
     if (evbuffer_get_length(input) >= length) {
       m_pLog->Log(Logger::kError, "a plug-in decoded a message from %s without consuming input",
                   connection->peer.c_str());
       break;
     }
   }
-  length = evbuffer_get_length(input);
-  if (length > m_uInputLimit) {
-    m_pLog->Log(Logger::kError,
-                "connection %s (%d:%llu) closed: %zu bytes buffered without a complete message, "
-                "over the input limit of %zu",
-                connection->peer.c_str(), connection->fd,
-                static_cast<unsigned long long>(connection->serial), length, m_uInputLimit);
-    Close(connection, true);
+  CountInput(connection);
+  RequestTrim(arrived > connection->buffered ? arrived - connection->buffered : 0);
+  if (connection->buffered > m_sLimits.input_limit) {
+    CloseFlushing(connection, Logger::kError,
+                  zelvar::FormatString("%zu bytes buffered without a complete message, over the input limit of %zu",
+                                       connection->buffered, m_sLimits.input_limit));
+    return;
+  }
+  if (EnforceTotalLimit(connection)) UpdateIdleTimeout(connection);
+}
+
+void ConnectionManager::CountInput(Connection* connection) {
+  size_t length = evbuffer_get_length(bufferevent_get_input(connection->bev));
+  m_uBuffered = m_uBuffered - connection->buffered + length;
+  connection->buffered = length;
+  if (length > connection->peak) connection->peak = length;
+}
+
+bool ConnectionManager::EnforceTotalLimit(Connection* reading) {
+  while (m_uBuffered > m_sLimits.total_input_limit) {
+    Connection* largest = reading;
+    for (const auto& entry : m_mapConnections) {
+      if (entry.second->buffered > largest->buffered) largest = entry.second.get();
+    }
+    size_t total = m_uBuffered;
+    CloseFlushing(largest, Logger::kError,
+                  zelvar::FormatString("it held %zu of the %zu bytes buffered by all connections, over the total "
+                                       "input limit of %zu",
+                                       largest->buffered, total, m_sLimits.total_input_limit));
+    if (largest == reading) return false;
+  }
+  return true;
+}
+
+void ConnectionManager::UpdateIdleTimeout(Connection* connection) {
+  bool wanted = m_sLimits.idle_timeout_sec > 0 &&
+                (connection->buffered > 0 || (!connection->outbound && !connection->spoke));
+  if (wanted == connection->timed) return;
+  connection->timed = wanted;
+  timeval idle{static_cast<time_t>(m_sLimits.idle_timeout_sec), 0};
+  bufferevent_set_timeouts(connection->bev, wanted ? &idle : nullptr, nullptr);
+}
+
+std::unique_ptr<ConnectionManager::Connection> ConnectionManager::Forget(Connection* connection) {
+  auto outbound = m_mapOutbound.find(connection->peer);
+  if (connection->outbound && outbound != m_mapOutbound.end() && outbound->second == connection->serial) {
+    m_mapOutbound.erase(outbound);
+  }
+  m_uBuffered -= connection->buffered;
+  connection->buffered = 0;
+  auto it = m_mapConnections.find(connection->serial);
+  std::unique_ptr<Connection> owned = std::move(it->second);
+  m_mapConnections.erase(it);
+  return owned;
+}
+
+void ConnectionManager::NotifyDisconnect(const Connection& connection) const {
+  for (const auto& plugin : *m_pPlugins) {
+    if (plugin->on_disconnect != nullptr) plugin->on_disconnect(connection.fd, connection.serial);
   }
 }
 
-void ConnectionManager::Close(Connection* connection, bool notify) {
-  uint64_t serial = connection->serial;
-  int fd = connection->fd;
-  auto outbound = m_mapOutbound.find(connection->peer);
-  if (connection->outbound && outbound != m_mapOutbound.end() && outbound->second == serial) {
-    m_mapOutbound.erase(outbound);
+void ConnectionManager::Free(std::unique_ptr<Connection> connection, const char* why) {
+  size_t unsent = evbuffer_get_length(bufferevent_get_output(connection->bev));
+  if (unsent > 0) {
+    m_pLog->Log(Logger::kError, "%zu bytes queued for %s were not sent: %s", unsent, Describe(*connection).c_str(),
+                why);
   }
+  if (connection->flush_deadline != nullptr) event_free(connection->flush_deadline);
   bufferevent_free(connection->bev);
-  m_mapConnections.erase(serial);
-  if (!notify) return;
-  for (const auto& plugin : *m_pPlugins) {
-    if (plugin->on_disconnect != nullptr) plugin->on_disconnect(fd, serial);
+  RequestTrim(connection->peak);
+}
+
+void ConnectionManager::Close(Connection* connection, bool notify, const char* why) {
+  std::unique_ptr<Connection> owned = Forget(connection);
+  if (notify) NotifyDisconnect(*owned);
+  Free(std::move(owned), why);
+}
+
+void ConnectionManager::CloseFlushing(Connection* connection, int level, const std::string& why) {
+  m_pLog->Log(level, "connection %s closed: %s", Describe(*connection).c_str(), why.c_str());
+  std::unique_ptr<Connection> owned = Forget(connection);
+  bufferevent* bev = owned->bev;
+  evbuffer_drain(bufferevent_get_input(bev), evbuffer_get_length(bufferevent_get_input(bev)));
+  NotifyDisconnect(*owned);
+  if (evbuffer_get_length(bufferevent_get_output(bev)) == 0) {
+    Free(std::move(owned), "");
+    return;
   }
+  // Input is still read and dropped: unread bytes at close would make the
+  // kernel reset the connection, and the peer could lose what was flushed.
+  Connection* raw = owned.get();
+  bufferevent_setcb(bev, &ConnectionManager::OnFlushRead, &ConnectionManager::OnFlushed,
+                    &ConnectionManager::OnFlushEvent, raw);
+  bufferevent_setwatermark(bev, EV_WRITE, 0, 0);
+  bufferevent_set_timeouts(bev, nullptr, nullptr);
+  bufferevent_enable(bev, EV_READ | EV_WRITE);
+  raw->flush_deadline = evtimer_new(m_pBase, &ConnectionManager::OnFlushDeadline, raw);
+  timeval limit{kFlushSeconds, 0};
+  evtimer_add(raw->flush_deadline, &limit);
+  m_mapFlushing.emplace(raw->serial, std::move(owned));
+}
+
+void ConnectionManager::EndFlush(Connection* connection, const char* why) {
+  auto it = m_mapFlushing.find(connection->serial);
+  std::unique_ptr<Connection> owned = std::move(it->second);
+  m_mapFlushing.erase(it);
+  Free(std::move(owned), why);
+}
+
+void ConnectionManager::OnFlushRead(bufferevent* bev, void*) {
+  evbuffer_drain(bufferevent_get_input(bev), evbuffer_get_length(bufferevent_get_input(bev)));
+}
+
+void ConnectionManager::OnFlushed(bufferevent*, void* arg) {
+  auto* connection = static_cast<Connection*>(arg);
+  connection->owner->EndFlush(connection, "");
+}
+
+// The peer's end of input is no reason to stop: it may still read.
+void ConnectionManager::OnFlushEvent(bufferevent*, short what, void* arg) {
+  auto* connection = static_cast<Connection*>(arg);
+  if (!(what & BEV_EVENT_ERROR)) return;
+  int error = EVUTIL_SOCKET_ERROR();
+  connection->owner->EndFlush(connection, error != 0 ? evutil_socket_error_to_string(error) : "socket error");
+}
+
+void ConnectionManager::OnFlushDeadline(int, short, void* arg) {
+  auto* connection = static_cast<Connection*>(arg);
+  static const std::string why = "not sent within " + std::to_string(kFlushSeconds) + " s of the close";
+  connection->owner->EndFlush(connection, why.c_str());
 }
 
 void ConnectionManager::CloseAll() {
-  while (!m_mapConnections.empty()) Close(m_mapConnections.begin()->second.get(), false);
+  while (!m_mapConnections.empty()) Close(m_mapConnections.begin()->second.get(), false, "the host stopped");
+  while (!m_mapFlushing.empty()) EndFlush(m_mapFlushing.begin()->second.get(), "the host stopped");
 }
 
 }  // namespace zelvar_host

@@ -94,7 +94,7 @@ bool Host::Init(const std::string& configPath, std::string* error) {
         return machine != nullptr ? m_pRuntime->Post(machine, event) : m_pRuntime->PostById(machineId, event);
       });
   m_pConnections = std::make_unique<ConnectionManager>(
-      m_pBase, &m_sLogger, &m_vecPlugins, m_sSettings.input_limit,
+      m_pBase, &m_sLogger, &m_vecPlugins, m_sSettings.connection_limits,
       [this](zelvar::ZMessage* message, zelvar::StateMachine* machine) { PostMessage(message, machine, 0); });
 
   if (m_sSettings.listen_port != 0 &&

@@ -41,14 +41,18 @@ bool HostSettings::FromConfig(const Config& config, HostSettings* settings, std:
   long long outputLimit = static_cast<long long>(s.long_action.output_limit);
   long long maxChildren = static_cast<long long>(s.long_action.max_children);
   long long port = 0;
-  long long inputLimit = static_cast<long long>(s.input_limit);
+  long long inputLimit = static_cast<long long>(s.connection_limits.input_limit);
+  long long totalInputLimit = static_cast<long long>(s.connection_limits.total_input_limit);
+  long long idleTimeout = s.connection_limits.idle_timeout_sec;
   if (!ReadRange(config, "host", "log_level", 1, 4, &level, error) ||
       !ReadRange(config, "host", "machine_timeout", 0, INT_MAX, &machineTimeout, error) ||
       !ReadRange(config, "long_action", "time_limit", 0, INT_MAX, &timeLimit, error) ||
       !ReadRange(config, "long_action", "output_limit", 1, LLONG_MAX / 2, &outputLimit, error) ||
       !ReadRange(config, "long_action", "max_children", 1, 1 << 20, &maxChildren, error) ||
       !ReadRange(config, "network", "listen-port", 0, 65535, &port, error) ||
-      !ReadRange(config, "network", "input_limit", 1, LLONG_MAX / 2, &inputLimit, error)) {
+      !ReadRange(config, "network", "input_limit", 1, LLONG_MAX / 2, &inputLimit, error) ||
+      !ReadRange(config, "network", "total_input_limit", 1, LLONG_MAX / 2, &totalInputLimit, error) ||
+      !ReadRange(config, "network", "idle_timeout", 0, INT_MAX, &idleTimeout, error)) {
     return false;
   }
   s.log_level = static_cast<int>(level);
@@ -58,7 +62,9 @@ bool HostSettings::FromConfig(const Config& config, HostSettings* settings, std:
   s.long_action.max_children = static_cast<size_t>(maxChildren);
   s.listen_ip = config.GetString("network", "listen-ip", "");
   s.listen_port = static_cast<int>(port);
-  s.input_limit = static_cast<size_t>(inputLimit);
+  s.connection_limits.input_limit = static_cast<size_t>(inputLimit);
+  s.connection_limits.total_input_limit = static_cast<size_t>(totalInputLimit);
+  s.connection_limits.idle_timeout_sec = static_cast<unsigned>(idleTimeout);
 
   for (const auto& entry : config.Section("plugins")) {
     if (entry.second.empty()) {

@@ -7,7 +7,9 @@
 //   [long_action] time_limit seconds (default 60, 0 none), output_limit bytes
 //                 (default 1 MiB), max_children (default 256)
 //   [network]     listen-ip, listen-port (0 or absent: no listening socket),
-//                 input_limit bytes per connection (default 16 MiB)
+//                 input_limit bytes per connection (default 16 MiB),
+//                 total_input_limit bytes for all connections (default 64 MiB),
+//                 idle_timeout seconds (default 60, 0 none)
 //   [plugins]     name = path of a shared library, loaded in file order; a
 //                 relative path is relative to the configuration file's folder
 //
@@ -19,6 +21,7 @@
 #include <utility>
 #include <vector>
 
+#include "connection_manager.h"
 #include "long_action_executor.h"
 
 namespace zelvar_host {
@@ -32,7 +35,7 @@ struct HostSettings {
   LongActionLimits long_action;
   std::string listen_ip;
   int listen_port = 0;
-  size_t input_limit = 16 * 1024 * 1024;
+  ConnectionLimits connection_limits;
   std::vector<std::pair<std::string, std::string>> plugins;  // name, resolved path
 
   // False with one line naming the section, key and what is expected.
