@@ -200,6 +200,8 @@ TEST_F(ServicesTest, EachRequestKindGetsItsAnswerAndResultCode) {
        kOvita + "get_job_response] { rc { code: -70002 msg: \"agent \\\"db-07\\\" is not in the jobs file\" } }"},
       {Request(68000, kOvita + "get_job_request] { }"),
        kOvita + "get_job_response] { rc { code: -70002 msg: \"the request names no agent\" } }"},
+      {Request(68010, kOvita + "get_conf_request] { agent_name: 'db-07' conf_type: 1 }"),
+       kOvita + "get_conf_response] { rc { code: -70002 msg: \"agent \\\"db-07\\\" is not in the jobs file\" } }"},
       {Request(68010, kOvita + "get_conf_request] { agent_name: 'web-01' conf_type: 1 }"),
        kOvita + "get_conf_response] { rc { code: 0 } confs { target: \"sshd\" parameter: \"18446744073709551615\" } "
                 "confs { target: \"cron\" parameter: \"0\" } confs { target: \"a|b\" parameter: \"7\" } }"},
