@@ -8,7 +8,9 @@
 #include <sys/socket.h>
 #include <sys/wait.h>
 
+#include <filesystem>
 #include <regex>
+#include <sstream>
 #include <thread>
 
 #include "host.h"
@@ -318,6 +320,42 @@ TEST(HostBinary, StartUpErrorsFailTheExitOnOneLineAndARunningHostReopensItsLogOn
   EXPECT_EQ(ReadFile(err), "");
   std::regex stop(".{23} INFO log file reopened\n[^]*signal 15 \\(SIGTERM\\)\n[^]*probe unloaded\n[^]*host stopped\n");
   EXPECT_TRUE(std::regex_match(ReadFile(log), stop)) << ReadFile(log);
+}
+
+// Live processes of this test's session whose command line is `argv` (NUL-separated).
+std::vector<pid_t> SessionProcesses(const std::string& argv) {
+  std::vector<pid_t> found;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+    std::string stat = ReadFile(entry.path() / "stat"), state;
+    int session = 0;
+    std::istringstream fields(stat.substr(stat.rfind(')') + 1));
+    fields >> state >> session >> session >> session;
+    if (session == getsid(0) && state != "Z" && ReadFile(entry.path() / "cmdline") == argv)
+      found.push_back(std::stoi(entry.path().filename()));
+  }
+  return found;
+}
+
+TEST(HostLongActions, NoCommandLeavesProcessesBehindWhenItEndsOrItsHostIsKilled) {
+  auto allGone = [](const std::string& argv) {  // within 30 s; kills what is left either way
+    bool gone = Eventually([&] { return SessionProcesses(argv).empty(); });
+    for (pid_t left : SessionProcesses(argv)) kill(left, SIGKILL);
+    return gone;
+  };
+  ProbeHost fixture;
+  ASSERT_TRUE(fixture.control) << fixture.error;
+  RunLongAction(fixture, AdoptedProbe(fixture)->GetMachineId(), 1,
+                "for i in $(seq 20); do sleep 7775 >/dev/null 2>&1 & done; echo 1");
+  EXPECT_EQ(LongActionRecords(fixture, 1)[1].text, "1\n|");
+  EXPECT_TRUE(allGone("sleep\0"s + "7775\0"s)) << "the background jobs ended with their command";
+
+  TempDir dir;
+  HostProcess host("-c " + dir.Write("h.ini", "[plugins]\np = " PROBE_PLUGIN_PATH "\n[probe]\ncommand = exec sleep 7776\n"),
+                   dir.Path() + "/err");
+  ASSERT_TRUE(Eventually([&] { return SessionProcesses("sleep\0"s + "7776\0"s).size() == 1; }));
+  kill(host.pid, SIGKILL);
+  host.Wait();
+  EXPECT_TRUE(allGone("sleep\0"s + "7776\0"s)) << "the host's death kills its running command";
 }
 
 }  // namespace
