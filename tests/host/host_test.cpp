@@ -290,7 +290,11 @@ TEST(HostBinary, StartUpErrorsFailTheExitOnOneLineAndARunningHostReopensItsLogOn
   TempDir dir;
   std::string err = dir.Path() + "/err", log = dir.Path() + "/run.log";
   int taken = 0, listener = ListenLoopback(&taken);
-  std::string busy = "[network]\nlisten-ip = 127.0.0.1\nlisten-port = " + std::to_string(taken) + "\n";
+  std::string busy = "[network]\nlisten-ip = 127.0.0.1\nlisten-port = " + std::to_string(taken) +
+                     "\n[plugins]\np = " PROBE_PLUGIN_PATH "\n";
+  std::string longPaths, clipped = dir.Path() + "/" + std::string(150, 'x') + "\\n" +
+                                   std::string(48 - dir.Path().size(), 'x') + "...: ";  // 200 characters
+  for (int i = 0; i < 5000; ++i) longPaths += "p = " + std::string(150, 'x') + "\n";
   const std::pair<std::string, std::string> cases[] = {
       {dir.Path() + "/absent.ini", "cannot read configuration file " + dir.Path() + "/absent.ini: No such file"},
       {dir.Write("syntax.ini", "[host]\n\n[plugins\n"), dir.Path() + "/syntax.ini:3: syntax error"},
@@ -299,12 +303,19 @@ TEST(HostBinary, StartUpErrorsFailTheExitOnOneLineAndARunningHostReopensItsLogOn
       {dir.Write("busy.ini", busy), "cannot listen on 127.0.0.1:" + std::to_string(taken) + ": Address already in use"},
       {dir.Write("init.ini", "[host]\nlog_file = h\n[plugins]\np = " PROBE_PLUGIN_PATH "\n[probe]\ninit_result = 5"),
        "plug-in \"p\" failed to start: OnInit returned 5"},
+      {"/tmp", "configuration file /tmp is not a regular file"},
+      {"/dev/zero", "configuration file /dev/zero is not a regular file"},
+      {dir.Write("big.ini", std::string(1 << 20, '#') + "\n"), "configuration file " + dir.Path() + "/big.ini is larger"},
+      {dir.Write("nul.ini", "[host]\n\0\0"s), dir.Path() + "/nul.ini:2: NUL byte"},
+      {dir.Write("empty.ini", ""), dir.Path() + "/empty.ini: [plugins] names no plug-in"},
+      {dir.Write("long.ini", "[plugins]\n" + longPaths), "cannot load plug-in \"p\": " + clipped},
   };
   for (const auto& c : cases) {
     EXPECT_EQ(HostProcess("-c " + c.first, err).Wait(), 1);
     std::string text = ReadFile(err);
     EXPECT_EQ(text.substr(0, c.second.size() + 13) + std::to_string(std::count(text.begin(), text.end(), '\n')),
               "zelvar-host: " + c.second + "1");
+    EXPECT_LT(text.size(), 400u) << "an error line quotes at most the start of a value";
   }
   close(listener);
   EXPECT_EQ(HostProcess("", err).Wait(), 2);
