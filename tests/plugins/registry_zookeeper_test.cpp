@@ -89,6 +89,31 @@ TEST_P(ZooKeeperRegistry, FollowsTheServerAwayAndBackRunningTheCallbackOnEachCon
   EXPECT_EQ(m_pMachine->answers.size(), 2u) << "a refused command was answered";
 }
 
+TEST_P(ZooKeeperRegistry, CreatesMissingParentsAndRejoinsAServerThatLostItsData) {
+  ASSERT_NO_FATAL_FAILURE(Load());
+  ASSERT_EQ(Call("set_callback", &CountingCallback), 0);
+  auto createBoth = [&] {  // the first under missing parents, the second under an existing one
+    std::string codes, parent, data;
+    for (const char* path : {"/ovita2/names/AGENT/a1", "/ovita2/names/AGENT/a2"}) {
+      const ZKPluginResponse* answer = Ask("create", path, "x", int64_t{1}, 0);
+      codes += answer != nullptr ? std::to_string(answer->retcode) : "?";
+    }
+    Stat stat{};
+    int found = Zk().other.Get("/ovita2/names", &parent, &stat);
+    Zk().other.Get("/ovita2/names/AGENT/a1", &data);  // sent twice, kept whole
+    return codes + std::to_string(found) + ":" + parent + std::to_string(stat.ephemeralOwner) + data;
+  };
+  EXPECT_EQ(createBoth(), "000:0x") << "parents are made persistent and empty";
+
+  // Its data gone, the server refuses the old session for being ahead of it.
+  Zk().server.StopAndWipe();
+  std::string error;
+  ASSERT_TRUE(Zk().server.Start(&error)) << error;
+  ASSERT_TRUE(m_host.RunLoopUntil([] { return callbackCalls == 1; }, 20000)) << "never rejoined";
+  ASSERT_TRUE(Zk().other.Connect(Zk().server.Address()));
+  EXPECT_EQ(createBoth(), "000:0x");
+}
+
 }  // namespace
 
 std::unique_ptr<RegistryUnderTest> MakeRegistry(TestHost& host) { return std::make_unique<ZooKeeperUnderTest>(host); }

@@ -21,6 +21,9 @@ class ZooKeeperTestServer {
   // False, with the server's last output in `error`, when no session opens.
   bool Start(std::string* error);
   void Stop();
+  // Stops the server and empties its data directory: started again, it is a
+  // fresh ensemble on the same port that knows no session and no node.
+  void StopAndWipe();
   bool Running() const { return m_iPid > 0; }
   std::string Address() const { return "127.0.0.1:" + std::to_string(m_iPort); }
 
