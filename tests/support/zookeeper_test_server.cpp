@@ -8,7 +8,6 @@
 
 #include <chrono>
 #include <cstdlib>
-#include <filesystem>
 #include <thread>
 
 #include "zk_test_client.h"
@@ -65,11 +64,6 @@ void ZooKeeperTestServer::Stop() {
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
   }
   m_iPid = -1;
-}
-
-void ZooKeeperTestServer::StopAndWipe() {
-  Stop();
-  std::filesystem::remove_all(m_cDir.Path() + "/data");
 }
 
 }  // namespace zelvar::registry::testing
