@@ -30,6 +30,7 @@ ZooKeeperRegistry::~ZooKeeperRegistry() {
   CloseSession(ZCLOSING);
   m_pDriver.reset();
   if (m_pReopenTimer != nullptr) event_free(m_pReopenTimer);
+  if (m_pRejoinTimer != nullptr) event_free(m_pRejoinTimer);
   if (g_pClientLogHost == m_pHost) g_pClientLogHost = nullptr;
 }
 
@@ -54,6 +55,7 @@ int ZooKeeperRegistry::Open() {
   g_pClientLogHost = m_pHost;
   m_pDriver = std::make_unique<ZkLoopDriver>(base, [this](int) { ScheduleReopen(); });
   m_pReopenTimer = evtimer_new(base, &ZooKeeperRegistry::OnReopenTimer, this);
+  m_pRejoinTimer = evtimer_new(base, &ZooKeeperRegistry::OnRejoinTimer, this);
   return StartSession() ? 0 : -1;
 }
 
@@ -75,6 +77,7 @@ bool ZooKeeperRegistry::StartSession() {
 void ZooKeeperRegistry::CloseSession(int leftoverRc) {
   if (m_pZh == nullptr) return;
   if (m_pDriver) m_pDriver->Detach();
+  if (m_pRejoinTimer != nullptr) evtimer_del(m_pRejoinTimer);
   zhandle_t* zh = m_pZh;
   m_pZh = nullptr;  // session events of the closing handle are ignored
   // Requests still queued get their completion inside zookeeper_close; the
@@ -110,6 +113,14 @@ void ZooKeeperRegistry::OnReopenTimer(evutil_socket_t, short, void* self) {
   if (!registry->StartSession()) evtimer_add(registry->m_pReopenTimer, &kRetryOpenDelay);
 }
 
+void ZooKeeperRegistry::OnRejoinTimer(evutil_socket_t, short, void* self) {
+  auto* registry = static_cast<ZooKeeperRegistry*>(self);
+  registry->m_pHost->Log(4, "zookeeper registry: session 0x%llx not back within its timeout; the ensemble may "
+                            "have lost its data or be behind this client, opening a new session",
+                         SessionIdOf(registry->m_pZh));
+  registry->ScheduleReopen();
+}
+
 bool ZooKeeperRegistry::IsConnected() const {
   return m_pZh != nullptr && zoo_state(m_pZh) == ZOO_CONNECTED_STATE;
 }
@@ -125,6 +136,7 @@ void ZooKeeperRegistry::OnSessionEvent(zhandle_t* zh, int type, int state, const
   if (registry == nullptr || zh != registry->m_pZh || type != ZOO_SESSION_EVENT) return;
   const PluginHost* host = registry->m_pHost;
   if (state == ZOO_CONNECTED_STATE) {
+    evtimer_del(registry->m_pRejoinTimer);
     registry->OnConnected();
   } else if (state == ZOO_EXPIRED_SESSION_STATE || state == ZOO_AUTH_FAILED_STATE) {
     host->Log(4, "zookeeper registry: session 0x%llx %s, opening a new one", SessionIdOf(zh),
@@ -132,7 +144,23 @@ void ZooKeeperRegistry::OnSessionEvent(zhandle_t* zh, int type, int state, const
     registry->ScheduleReopen();
   } else {
     host->Log(4, "zookeeper registry: connection to %s lost, reconnecting", registry->m_strHosts.c_str());
+    registry->OnConnectionLost();
   }
+}
+
+// A server that lost its data (or any server behind the session's last zxid)
+// refuses the session: it closes each connection before the handshake ends,
+// and the client, which reports the loss once and then only retries, neither
+// reaches the connected state nor learns that the session is expired. So the
+// rule is the session timeout itself: a session whose connection is not back
+// within it has expired on any server that was up meanwhile, and one that
+// was down all along had no session worth keeping; either way a fresh session
+// loses nothing and connects to whatever server answers.
+void ZooKeeperRegistry::OnConnectionLost() {
+  if (evtimer_pending(m_pRejoinTimer, nullptr)) return;
+  int timeoutMs = m_pZh != nullptr ? zoo_recv_timeout(m_pZh) : m_iSessionTimeoutMs;
+  timeval bound = {timeoutMs / 1000, (timeoutMs % 1000) * 1000};
+  evtimer_add(m_pRejoinTimer, &bound);
 }
 
 void ZooKeeperRegistry::OnConnected() {
@@ -145,7 +173,7 @@ void ZooKeeperRegistry::OnConnected() {
 }
 
 ZooKeeperRegistry::PendingCall* ZooKeeperRegistry::NewPending(unsigned machineId, const std::string& path) {
-  auto* call = new PendingCall{this, machineId, path, nullptr, 0};
+  auto* call = new PendingCall{this, machineId, path, nullptr, 0, std::string(), 0, false};
   m_setPending.insert(call);
   return call;
 }
@@ -186,9 +214,9 @@ int ZooKeeperRegistry::Call(unsigned machineId, const ZKCommand& command) {
   int rc = ZOK;
   switch (command.kind) {
     case ZKCommandKind::kCreate:
-      rc = zoo_acreate(m_pZh, command.path, command.data != nullptr ? command.data : "",
-                       static_cast<int>(command.length), &ZOO_OPEN_ACL_UNSAFE, command.flags,
-                       &ZooKeeperRegistry::OnCreated, call);
+      call->data = command.data != nullptr ? std::string(command.data, static_cast<size_t>(command.length)) : "";
+      call->flags = command.flags;
+      rc = SendCreate(call);
       break;
     case ZKCommandKind::kGet:
       rc = command.watcher != nullptr
@@ -214,8 +242,32 @@ int ZooKeeperRegistry::Call(unsigned machineId, const ZKCommand& command) {
   return ZOK;
 }
 
+int ZooKeeperRegistry::SendCreate(PendingCall* call) {
+  return zoo_acreate(m_pZh, call->path.c_str(), call->data.data(), static_cast<int>(call->data.size()),
+                     &ZOO_OPEN_ACL_UNSAFE, call->flags, &ZooKeeperRegistry::OnCreated, call);
+}
+
+// A server answers ZNONODE for a node whose parent is missing, where the
+// embedded registry makes the parents; so the plug-in makes them too, then
+// sends the create once more. The server runs one session's requests in order,
+// so the parents exist (made here or by anyone else) when the retry runs; their
+// own answers, ZNODEEXISTS included, do not matter.
+bool ZooKeeperRegistry::CreateParentsAndRetry(PendingCall* call) {
+  if (call->parentsMade || m_pZh == nullptr) return false;
+  call->parentsMade = true;
+  for (size_t slash = call->path.find('/', 1); slash != std::string::npos; slash = call->path.find('/', slash + 1)) {
+    zoo_acreate(m_pZh, call->path.substr(0, slash).c_str(), "", 0, &ZOO_OPEN_ACL_UNSAFE, 0,
+                [](int, const char*, const void*) {}, nullptr);
+  }
+  m_setPending.insert(call);
+  if (SendCreate(call) == ZOK) return true;
+  m_setPending.erase(call);
+  return false;
+}
+
 void ZooKeeperRegistry::OnCreated(int rc, const char* value, const void* data) {
   PendingCall* call = Claim(data);
+  if (rc == ZNONODE && call->owner->CreateParentsAndRetry(call)) return;
   call->owner->Answer(call->machineId, rc == ZOK ? CreatedAnswer(value != nullptr ? value : call->path)
                                                  : ErrorAnswer(rc));
   delete call;

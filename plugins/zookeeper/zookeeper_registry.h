@@ -14,7 +14,11 @@
 // ZCONNECTIONLOSS and produces no answer; a command already sent when the
 // connection drops is answered with the client's error (ZCONNECTIONLOSS,
 // ZSESSIONEXPIRED, ...). After an expired session the registry closes the dead
-// handle and opens a new session by itself, on a later loop turn.
+// handle and opens a new session by itself, on a later loop turn; so it does
+// when a lost connection is not back within the session timeout (a server that
+// lost its data refuses the old session without a word). A "create" whose
+// parent is missing makes the missing parents (persistent, empty) and is sent
+// once more.
 //
 // Owns the ZooKeeper handle, its loop driver and every pending request;
 // borrows the PluginHost, which must outlive it. Loop thread only. The
@@ -64,12 +68,18 @@ class ZooKeeperRegistry {
     std::string path;
     std::shared_ptr<ChildrenListing> listing;  // reads of one listing's children
     size_t childIndex = 0;
+    std::string data;  // of a create, kept for its one retry after making the parents
+    int flags = 0;
+    bool parentsMade = false;
   };
 
   bool StartSession();
   void CloseSession(int leftoverRc);
   void ScheduleReopen();
   void OnConnected();
+  void OnConnectionLost();
+  int SendCreate(PendingCall* call);
+  bool CreateParentsAndRetry(PendingCall* call);
 
   PendingCall* NewPending(unsigned machineId, const std::string& path);
   // Removes a pending call from the books; the caller deletes it.
@@ -84,6 +94,7 @@ class ZooKeeperRegistry {
   static void OnChildren(int rc, const String_vector* names, const Stat* stat, const void* data);
   static void OnChildData(int rc, const char* value, int length, const Stat* stat, const void* data);
   static void OnReopenTimer(evutil_socket_t fd, short what, void* self);
+  static void OnRejoinTimer(evutil_socket_t fd, short what, void* self);
   static void ForwardClientLog(const char* message);
 
   const PluginHost* m_pHost;
@@ -92,6 +103,7 @@ class ZooKeeperRegistry {
   zhandle_t* m_pZh = nullptr;
   std::unique_ptr<ZkLoopDriver> m_pDriver;
   event* m_pReopenTimer = nullptr;
+  event* m_pRejoinTimer = nullptr;  // armed while a lost connection is not back
   bool m_bReopenScheduled = false;
   bool m_bClosing = false;  // in the destructor: answers are dropped
   ConnectionCallback m_fnCallback = nullptr;

@@ -244,6 +244,9 @@ std::map<uint32_t, probe::Seen> LongActionRecords(ProbeHost& fixture, size_t cou
   return byFlow;
 }
 
+// Whether a live process of this test's session has exactly `command` as its command line.
+bool SessionRuns(const std::string& command) { return std::system(("pgrep -s 0 -xf '" + command + "'").c_str()) == 0; }
+
 TEST(HostLongActions, RecordsCarryOutputStatusAndTheHostsWordsWithinTheLimits) {
   ProbeHost fixture("[long_action]\ntime_limit = 1\noutput_limit = 1000\nmax_children = 1\n");
   ASSERT_TRUE(fixture.control) << fixture.error;
@@ -254,15 +257,17 @@ TEST(HostLongActions, RecordsCarryOutputStatusAndTheHostsWordsWithinTheLimits) {
   RunLongAction(fixture, id, 4, "sleep 60 & echo $!; wait");
   RunLongAction(fixture, id, 5, "head -c 5000 /dev/zero | tr '\\0' y; sleep 60");
   RunLongAction(fixture, id, 6, "kill -9 $$");
-  auto records = LongActionRecords(fixture, 6);
+  RunLongAction(fixture, id, 7, "for i in $(seq 20); do sleep 77.75 >/dev/null 2>&1 & done; echo 1");
+  auto records = LongActionRecords(fixture, 7);
   std::string order, summary;  // summary: is it `id`, status, and but for the time limit's pid, the text
   for (const probe::Seen& seen : fixture.probe().seen) order += std::to_string(seen.flow_no);
-  EXPECT_EQ(order, "0312456") << "one runs at a time, the others wait in order";
+  EXPECT_EQ(order, "03124567") << "one runs at a time, the others wait in order";
   for (auto& [flow, r] : records)
     summary += std::to_string(r.machine_id == id) + std::to_string(r.status) + (flow == 4 ? " " : ":" + r.text + " ");
   EXPECT_EQ(summary, "10:out\n|err\n 13:0\n1\n2\n|exit status 3 1-4:|unknown long action \"NoSuchAction\" 1-2 1-3:" +
                          std::string(1000, 'y') + "|output passed the limit of 1000 bytes, process group killed " +
-                         "1137:|killed by signal 9 (SIGKILL) ");
+                         "1137:|killed by signal 9 (SIGKILL) 10:1\n| ");
+  EXPECT_TRUE(fixture.RunUntil([] { return !SessionRuns("sleep 77.75"); })) << "its background jobs end with it";
   std::string background = "/proc/" + records[4].text.substr(0, records[4].text.find('\n')) + "/stat";
   EXPECT_TRUE(fixture.RunUntil([&] {
     std::string stat = ReadFile(background);
@@ -292,10 +297,12 @@ TEST(HostLongActions, AThousandConcurrentCommandsAllAnswerAndShutdownLeavesNothi
   EXPECT_EQ(CountOpenDescriptors(), descriptorsBefore);
 }
 
-// Polls `done` (once per call) for up to 30 s.
+// Polls `done` every 10 ms for up to 30 s, however long `done` takes.
 bool Eventually(const std::function<bool()>& done) {
-  for (int i = 0; i < 3000; ++i, std::this_thread::sleep_for(std::chrono::milliseconds(10))) if (done()) return true;
-  return false;
+  auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  for (; !done(); std::this_thread::sleep_for(std::chrono::milliseconds(10)))
+    if (std::chrono::steady_clock::now() > end) return false;
+  return true;
 }
 
 // zelvar-host in a child process, stderr to `err`, killed and reaped however the test ends.
@@ -322,7 +329,10 @@ TEST(HostBinary, StartUpErrorsFailTheExitOnOneLineAndARunningHostReopensItsLogOn
   TempDir dir;
   std::string err = dir.Path() + "/err", log = dir.Path() + "/run.log";
   int taken = 0, listener = ListenLoopback(&taken);
-  std::string busy = "[network]\nlisten-ip = 127.0.0.1\nlisten-port = " + std::to_string(taken) + "\n";
+  std::string busy = "[network]\nlisten-ip = 127.0.0.1\nlisten-port = " + std::to_string(taken) +
+                     "\n[plugins]\np = " PROBE_PLUGIN_PATH "\n";
+  std::string longPaths;
+  for (int i = 0; i < 5000; ++i) longPaths += "p = " + std::string(150, 'x') + "\n";
   const std::pair<std::string, std::string> cases[] = {
       {dir.Path() + "/absent.ini", "cannot read configuration file " + dir.Path() + "/absent.ini: No such file"},
       {dir.Write("syntax.ini", "[host]\n\n[plugins\n"), dir.Path() + "/syntax.ini:3: syntax error"},
@@ -331,12 +341,19 @@ TEST(HostBinary, StartUpErrorsFailTheExitOnOneLineAndARunningHostReopensItsLogOn
       {dir.Write("busy.ini", busy), "cannot listen on 127.0.0.1:" + std::to_string(taken) + ": Address already in use"},
       {dir.Write("init.ini", "[host]\nlog_file = h\n[plugins]\np = " PROBE_PLUGIN_PATH "\n[probe]\ninit_result = 5"),
        "plug-in \"p\" failed to start: OnInit returned 5"},
+      {"/tmp", "configuration file /tmp is not a regular file"},
+      {"/dev/zero", "configuration file /dev/zero is not a regular file"},
+      {dir.Write("big.ini", std::string(1 << 20, '#') + "\n"), "configuration file " + dir.Path() + "/big.ini is"},
+      {dir.Write("nul.ini", "[host]\n\0\0"s), dir.Path() + "/nul.ini:2: NUL byte"},
+      {dir.Write("empty.ini", ""), dir.Path() + "/empty.ini: [plugins] names no plug-in"},
+      {dir.Write("long.ini", "[plugins]\n" + longPaths), "cannot load plug-in \"p\": " + dir.Path() + "/xxx"},
   };
   for (const auto& c : cases) {
     EXPECT_EQ(HostProcess("-c " + c.first, err).Wait(), 1);
     std::string text = ReadFile(err);
     EXPECT_EQ(text.substr(0, c.second.size() + 13) + std::to_string(std::count(text.begin(), text.end(), '\n')),
               "zelvar-host: " + c.second + "1");
+    EXPECT_LT(text.size(), 400u) << "an error line quotes at most the start of a value";
   }
   close(listener);
   EXPECT_EQ(HostProcess("", err).Wait(), 2);
@@ -371,6 +388,16 @@ TEST(HostBinary, OutOfDescriptorsTheListenerPausesSaysSoOnceAndServesAgainOnceSo
   EXPECT_LT(ReadFile(err).size(), 200u);
   for (int fd : clients) close(fd);
   EXPECT_TRUE(Eventually([&] { return ReadFile(log).find("accepting connections again") != std::string::npos; }));
+}
+
+TEST(HostBinary, AHostKilledOutrightTakesItsRunningCommandWithIt) {
+  TempDir dir;
+  std::string config = "[plugins]\np = " PROBE_PLUGIN_PATH "\n[probe]\ncommand = exec sleep 77.76";
+  HostProcess host("-c " + dir.Write("h.ini", config), dir.Path() + "/err");
+  ASSERT_TRUE(Eventually([] { return SessionRuns("sleep 77.76"); }));
+  kill(host.pid, SIGKILL);
+  host.Wait();
+  EXPECT_TRUE(Eventually([] { return !SessionRuns("sleep 77.76"); }));
 }
 
 }  // namespace

@@ -71,6 +71,10 @@ int OnInit(void* context) {
     zelvar::MachineFactory::AddMachine(probe::kProbeMachineType, &CreateProbe);
   }
   Host<zelvar::SetRoutinePeriodFn>(zelvar::kSlotSetRoutinePeriod)(ConfigInt("routine_period_us"));
+  std::string command = Host<zelvar::GetConfigStringFn>(zelvar::kSlotGetConfigString)("probe", "command", "");
+  zelvar::ExecuteShell2 action("ExecuteShell2");  // for no machine, when the test gives one
+  action.Param(zelvar::ExecuteShell2::kCommandParam, command);
+  if (!command.empty()) Host<zelvar::StartLongActionFn>(zelvar::kSlotStartLongAction)(&action, 0, 0);
   return ConfigInt("init_result");
 }
 

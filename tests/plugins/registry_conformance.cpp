@@ -72,6 +72,9 @@ TEST_P(RegistryConformance, CreateAnswersAsAServerWouldAndKeepsTheDataByteForByt
   EXPECT_EQ(create("/ovita2/agents/seq-", ZOO_PERSISTENT_SEQUENTIAL, "s", 1), "/ovita2/agents/seq-0000000003");
   EXPECT_EQ(create("/ovita2/agents/seq-", ZOO_EPHEMERAL_SEQUENTIAL), "/ovita2/agents/seq-0000000004");
   EXPECT_EQ(create("/ovita2/agents/", ZOO_PERSISTENT_SEQUENTIAL), "/ovita2/agents/0000000005");
+  EXPECT_EQ(create("/ovita2/made/on/the/way", ZOO_EPHEMERAL, "e", 1), "/ovita2/made/on/the/way");
+  const ZKPluginResponse* parent = Ask("get", "/ovita2/made/on", kNoWatch);  // made persistent and empty
+  EXPECT_EQ(parent != nullptr ? parent->string + std::to_string(parent->stat.ephemeralOwner) : "?", "0");
 
   const ZKPluginResponse* read = Ask("get", "/ovita2/agents/host-a", kNoWatch);
   ASSERT_NE(read, nullptr);

@@ -76,8 +76,8 @@ TEST_P(ZooKeeperRegistry, FollowsTheServerAwayAndBackRunningTheCallbackOnEachCon
   EXPECT_FALSE(IsReady()) << "no server yet";
   EXPECT_EQ(Call("get", "/", kNoWatch), ZCONNECTIONLOSS);
   EXPECT_EQ(Call("set_callback", &CountingCallback), 0) << "kept while disconnected";
+  std::string error;
   for (int connection = 1; connection <= 2; ++connection) {
-    std::string error;
     ASSERT_TRUE(Zk().server.Start(&error)) << error;
     ASSERT_TRUE(m_host.RunLoopUntil([&] { return IsReady() && callbackCalls >= connection; }));
     EXPECT_EQ(callbackCalls, connection);
@@ -87,6 +87,12 @@ TEST_P(ZooKeeperRegistry, FollowsTheServerAwayAndBackRunningTheCallbackOnEachCon
     EXPECT_NE(Call("get", "/", kNoWatch), 0);
   }
   EXPECT_EQ(m_pMachine->answers.size(), 2u) << "a refused command was answered";
+  // Its data gone, the server refuses the old session for being ahead of it.
+  Zk().server.StopAndWipe();
+  ASSERT_TRUE(Zk().server.Start(&error)) << error;
+  ASSERT_TRUE(m_host.RunLoopUntil([] { return callbackCalls == 3; }, 20000)) << "never rejoined";
+  const ZKPluginResponse* created = Ask("create", "/ovita2/agents/a1", "x", int64_t{1}, 0);
+  EXPECT_EQ(created != nullptr ? created->retcode : 1, ZOK) << "in the new session, under parents it makes";
 }
 
 }  // namespace

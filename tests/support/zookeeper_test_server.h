@@ -7,6 +7,7 @@
 
 #include <sys/types.h>
 
+#include <filesystem>
 #include <string>
 
 #include "local_system.h"
@@ -21,6 +22,8 @@ class ZooKeeperTestServer {
   // False, with the server's last output in `error`, when no session opens.
   bool Start(std::string* error);
   void Stop();
+  // Started again, a fresh server on the same port: no session, no node.
+  void StopAndWipe() { Stop(), std::filesystem::remove_all(m_cDir.Path() + "/data"); }
   bool Running() const { return m_iPid > 0; }
   std::string Address() const { return "127.0.0.1:" + std::to_string(m_iPort); }
 

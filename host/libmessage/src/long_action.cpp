@@ -1,6 +1,7 @@
 #include "zelvar/long_action.h"
 
 #include <poll.h>
+#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -64,6 +65,7 @@ void ExecuteShell2::Do() {
   int waitStatus = 0;
   while (waitpid(child.pid, &waitStatus, 0) < 0 && errno == EINTR) {
   }
+  kill(-child.pid, SIGKILL);  // what the command left running in its group ends with it
   m_sResult.status = StatusOfWait(waitStatus);
   if (m_sResult.status != 0 && m_sResult.error.empty()) m_sResult.error = DescribeWaitStatus(waitStatus);
 }

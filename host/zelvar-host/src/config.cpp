@@ -1,36 +1,67 @@
 #include "config.h"
 
+#include <fcntl.h>
 #include <ini.h>
 #include <regex.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <sstream>
 
 namespace zelvar_host {
 
+namespace {
+
+// The file's text, when it is a regular file of at most `limit` bytes.
+bool ReadBounded(const std::string& path, size_t limit, std::string* text, std::string* error) {
+  // Non-blocking, so that a FIFO given by mistake is refused rather than waited on.
+  int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  struct stat status;
+  bool ok = fd >= 0 && fstat(fd, &status) == 0;
+  if (ok && !S_ISREG(status.st_mode)) {
+    *error = "configuration file " + path + " is not a regular file";
+  } else if (ok) {
+    text->resize(limit + 1);  // one byte more tells a file that is too large, even a growing one
+    size_t got = 0;
+    ssize_t n = 1;
+    while (got < text->size() && (n = read(fd, &(*text)[got], text->size() - got)) != 0) {
+      if (n < 0 && errno == EINTR) continue;
+      if (n < 0) break;
+      got += static_cast<size_t>(n);
+    }
+    text->resize(got);
+    if (n < 0) ok = false;
+    if (got > limit) *error = "configuration file " + path + " is larger than " + std::to_string(limit) + " bytes";
+  }
+  if (!ok) *error = "cannot read configuration file " + path + ": " + std::strerror(errno);
+  if (fd >= 0) close(fd);
+  return error->empty();
+}
+
+}  // namespace
+
+std::string Config::Clip(const std::string& value) {
+  std::string clipped;
+  for (char c : value.substr(0, kMaxQuotedLength)) clipped += c == '\n' ? std::string("\\n") : std::string(1, c);
+  return value.size() > kMaxQuotedLength ? clipped + "..." : clipped;
+}
+
 bool Config::Load(const std::string& path, std::string* error) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) {
-    *error = "cannot read configuration file " + path + ": " + std::strerror(errno);
-    return false;
-  }
-  std::ostringstream text;
-  text << in.rdbuf();
-  if (in.bad()) {
-    *error = "cannot read configuration file " + path + ": " + std::strerror(errno);
-    return false;
-  }
+  std::string text;
+  error->clear();
+  m_mapSections.clear();
+  if (!ReadBounded(path, kMaxFileSize, &text, error)) return false;
   m_strPath = path;
-  return LoadString(text.str(), path, error);
+  return LoadString(text, path, error);
 }
 
 bool Config::LoadString(const std::string& text, const std::string& name, std::string* error) {
   m_mapSections.clear();
-  if (!CheckLineLengths(text, name, error)) return false;
+  if (!CheckLines(text, name, error)) return false;
   int rc = ini_parse_string(text.c_str(), &Config::OnEntry, this);
   if (rc == 0) return true;
   if (rc > 0) {
@@ -44,8 +75,16 @@ bool Config::LoadString(const std::string& text, const std::string& name, std::s
 }
 
 // The INI reader stops a line at a fixed length and throws the rest away, which
-// would turn a long command into a shorter one without a word.
-bool Config::CheckLineLengths(const std::string& text, const std::string& name, std::string* error) {
+// would turn a long command into a shorter one without a word; it also stops
+// the whole text at a NUL byte, which would leave a file of NUL bytes (or a
+// binary) as an empty configuration.
+bool Config::CheckLines(const std::string& text, const std::string& name, std::string* error) {
+  size_t nul = text.find('\0');
+  if (nul != std::string::npos) {
+    *error = name + ":" + std::to_string(1 + std::count(text.begin(), text.begin() + nul, '\n')) +
+             ": NUL byte (not a text file)";
+    return false;
+  }
   size_t lineNo = 1;
   size_t start = 0;
   while (start <= text.size()) {

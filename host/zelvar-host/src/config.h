@@ -23,8 +23,18 @@ class Config {
   // The longest line the INI reader takes whole; longer lines are refused
   // rather than silently cut.
   static constexpr size_t kMaxLineLength = 199;
+  // A configuration is a page or two of settings; anything larger is a wrong
+  // path (a device, a log file) and is refused before it fills the memory.
+  static constexpr size_t kMaxFileSize = 1024 * 1024;
+  // How much of a value an error line repeats.
+  static constexpr size_t kMaxQuotedLength = 200;
 
-  // Reads `path`, replacing whatever was read before. On failure returns
+  // `value` fit for a one-line error: newlines shown as \n, cut to
+  // kMaxQuotedLength characters with "..." after a cut.
+  static std::string Clip(const std::string& value);
+
+  // Reads `path`, replacing whatever was read before. Only a regular file of
+  // at most kMaxFileSize bytes without NUL bytes is read. On failure returns
   // false with one line saying what is wrong and where (file and line) in
   // `error`, and holds nothing: half a file is never used.
   bool Load(const std::string& path, std::string* error);
@@ -55,7 +65,7 @@ class Config {
     std::map<std::string, std::string> values;
   };
   static int OnEntry(void* user, const char* section, const char* key, const char* value);
-  bool CheckLineLengths(const std::string& text, const std::string& name, std::string* error);
+  bool CheckLines(const std::string& text, const std::string& name, std::string* error);
   const std::string* Find(const char* section, const char* key) const;
 
   std::string m_strPath;

@@ -20,8 +20,8 @@ bool ReadRange(const Config& config, const char* section, const char* key,
     used = 0;
   }
   if (used == 0 || used != text.size() || parsed < low || parsed > high) {
-    *error = config.Path() + ": [" + section + "] " + key + " = \"" + text + "\" must be a whole number from " +
-             std::to_string(low) + " to " + std::to_string(high);
+    *error = config.Path() + ": [" + section + "] " + key + " = \"" + Config::Clip(text) +
+             "\" must be a whole number from " + std::to_string(low) + " to " + std::to_string(high);
     return false;
   }
   *value = parsed;
@@ -74,6 +74,10 @@ bool HostSettings::FromConfig(const Config& config, HostSettings* settings, std:
     std::string path = entry.second;
     if (path[0] != '/') path = directory + "/" + path;
     s.plugins.emplace_back(entry.first, path);
+  }
+  if (s.plugins.empty()) {
+    *error = config.Path() + ": [plugins] names no plug-in, so the host would have nothing to run";
+    return false;
   }
   *settings = std::move(s);
   return true;

@@ -218,6 +218,11 @@ zelvar::LongActionResult* LongActionExecutor::MakeRecord(Child& child) const {
 
 void LongActionExecutor::FinishIfDone(Child& child) {
   if (!child.reaped || child.streams[0].fd >= 0 || child.streams[1].fd >= 0) return;
+  // A finished command leaves nothing behind: background jobs with their
+  // output redirected would otherwise run on, adopted by init, one more set per
+  // run. The group id stays reserved while any member lives, so this reaches
+  // only the command's own processes.
+  kill(-child.pid, SIGKILL);
   auto it = m_mapChildren.find(child.pid);
   std::unique_ptr<Child> owned = std::move(it->second);
   m_mapChildren.erase(it);

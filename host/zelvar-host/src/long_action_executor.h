@@ -7,7 +7,8 @@
 // executor try waitpid(WNOHANG) on each of its own children, so it never reaps
 // a process it did not start and never leaves one unreaped. The completion
 // record goes out once both pipes reached end of file (or were closed by the
-// executor) and the child was reaped.
+// executor) and the child was reaped; the command's whole process group is
+// killed then, so background jobs it started do not outlive it.
 //
 // Limits: past `time_limit_sec` (0 = none) the child's whole process group is
 // killed; past `output_limit` bytes on either pipe the first bytes are kept and

@@ -2,6 +2,8 @@
 
 #include <dlfcn.h>
 
+#include "config.h"
+
 namespace zelvar_host {
 
 Plugin::~Plugin() { Close(); }
@@ -13,7 +15,10 @@ bool Plugin::Load(std::string* error) {
   m_pHandle = dlopen(m_strPath.c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
   if (m_pHandle == nullptr) {
     const char* why = dlerror();
-    *error = "cannot load plug-in \"" + m_strName + "\": " + (why != nullptr ? why : m_strPath);
+    std::string reason = why != nullptr ? why : "";
+    // The reason starts with the path, which is configured text of any length.
+    if (reason.compare(0, m_strPath.size(), m_strPath) == 0) reason.erase(0, m_strPath.size());
+    *error = "cannot load plug-in \"" + m_strName + "\": " + Config::Clip(m_strPath) + reason;
     return false;
   }
   on_peek_interface = reinterpret_cast<OnPeekInterfaceFn>(Symbol("OnPeekInterface"));
@@ -29,7 +34,7 @@ bool Plugin::Load(std::string* error) {
                         : on_init == nullptr         ? "OnInit"
                                                      : nullptr;
   if (missing != nullptr) {
-    *error = "cannot load plug-in \"" + m_strName + "\": " + m_strPath + " does not export " + missing;
+    *error = "cannot load plug-in \"" + m_strName + "\": " + Config::Clip(m_strPath) + " does not export " + missing;
     dlclose(m_pHandle);
     m_pHandle = nullptr;
     return false;

@@ -2,7 +2,9 @@
 // `/bin/sh -c <command>` in a process group of its own (so a time limit can kill
 // the whole group), standard input from /dev/null, standard output and standard
 // error on two pipes, the environment inherited, and no other descriptor of the
-// parent open in the child.
+// parent open in the child. The child gets SIGKILL when the thread that started
+// it ends (PR_SET_PDEATHSIG), so start commands from a thread that lives as long
+// as the process: the host's loop thread.
 #ifndef ZELVAR_SHELL_PROCESS_H
 #define ZELVAR_SHELL_PROCESS_H
 
