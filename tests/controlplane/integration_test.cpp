@@ -1,8 +1,6 @@
 // The control plane in a host loop in this process, and as its own process serving a real agent.
 #include <gtest/gtest.h>
-#include <sys/prctl.h>
 #include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <ctime>
@@ -94,26 +92,6 @@ TEST_F(ControlPlaneInHost, RefusesBadSettingsAnswersPrunesAndReloadsItsJobsOnSig
   close(fd);
 }
 
-// A zelvar-host process run in `dir` (output in host.out), stopped and reaped however the test ends.
-struct HostProcess {
-  HostProcess(const std::string& dir, const std::string& config) : m_iPid(fork()) {
-    if (m_iPid != 0) return;
-    prctl(PR_SET_PDEATHSIG, SIGKILL);  // a test killed from outside takes its host with it
-    if (chdir(dir.c_str()) != 0 || !freopen("host.out", "w", stdout) || !freopen("host.out", "a", stderr)) _exit(127);
-    execl(ZELVAR_HOST_PATH, ZELVAR_HOST_PATH, "-c", config.c_str(), static_cast<char*>(nullptr));
-    _exit(127);
-  }
-  ~HostProcess() { Stop(); }
-  int Stop() {  // SIGTERM, then SIGKILL after 10 s; the exit status, or -1 after a signal
-    int status = -1;
-    for (int wait = 0; m_iPid > 0 && waitpid(m_iPid, &status, WNOHANG) == 0; ++wait, usleep(100000))
-      kill(m_iPid, wait == 0 ? SIGTERM : wait == 100 ? SIGKILL : 0);
-    m_iPid = 0;
-    return status != -1 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  }
-  pid_t m_iPid;
-};
-
 // The agent's clock is skipped forward, so its 150 s job schedule passes at once.
 TEST(AgentAgainstControlPlane, WhatTheAgentMeasuresIsReadBackThroughTheClient) {
   ovita2::testing::TempDir dir;
@@ -122,10 +100,11 @@ TEST(AgentAgainstControlPlane, WhatTheAgentMeasuresIsReadBackThroughTheClient) {
   dir.Write("jobs.yaml",
             Jobs("e2e", "echo 12.37", "          - {job_id: 2, interval: 10, command: 'echo hello', stat_key: k2, "
                                       "string_value: 1}\n"));
-  HostProcess controlPlane(dir.Path(), dir.Write("cp.ini", ControlPlaneConfig(cpPort, "")));
+  ovita2::testing::ChildProcess controlPlane("cd " + dir.Path() + " && exec " ZELVAR_HOST_PATH " -c " +
+                                             dir.Write("cp.ini", ControlPlaneConfig(cpPort, "")) + " >host.out 2>&1");
   auto cpLog = [&] { return ReadFile(dir.Path() + "/host.log"); };
-  for (int wait = 0; wait < 200 && cpLog().find("serving as cp-1") == std::string::npos; ++wait) usleep(100000);
-  ASSERT_NE(cpLog().find("serving as cp-1"), std::string::npos) << cpLog() << ReadFile(dir.Path() + "/host.out");
+  ASSERT_TRUE(ovita2::testing::Eventually([&] { return cpLog().find("serving as cp-1") != std::string::npos; }, 20))
+      << cpLog() << ReadFile(dir.Path() + "/host.out");
 
   zelvar_host::Host agent;
   std::string error;
@@ -161,7 +140,8 @@ TEST(AgentAgainstControlPlane, WhatTheAgentMeasuresIsReadBackThroughTheClient) {
   }
   EXPECT_EQ(seen, (std::set<std::string>{"4 k1 41 123", "4 k2 hello\n"})) << cpLog();
   agent.Shutdown();
-  EXPECT_EQ(controlPlane.Stop(), 0) << "the control plane stops cleanly on SIGTERM\n" << cpLog();
+  kill(controlPlane.Pid(), SIGTERM);
+  EXPECT_EQ(controlPlane.Wait(), 0) << "the control plane stops cleanly on SIGTERM\n" << cpLog();
 }
 
 }  // namespace

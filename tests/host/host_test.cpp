@@ -100,7 +100,8 @@ TEST(HostLoop, StartsPluginsWithTheConfigPathServesSlotsAndTicksAtTheSmallestPer
   probe::Control& probe = fixture.probe();
   EXPECT_EQ(probe.calls, (std::vector<std::string>{"OnPeekInterface", "OnInit"}));
   EXPECT_EQ(probe.init_context, fixture.host.Configuration().Path());
-  EXPECT_NE(ReadFile(fixture.dir.Path() + "/host.log").find("loaded plug-in \"probe\" from " PROBE_PLUGIN_PATH), std::string::npos);
+  EXPECT_NE(ReadFile(fixture.dir.Path() + "/host.log").find("loaded plug-in \"probe\" from " PROBE_PLUGIN_PATH),
+            std::string::npos);
   EXPECT_EQ(SLOT(fixture, GetLogLevel)() + SLOT(fixture, GetConfigInt)("host", "log_level", 9), 2);
   std::vector<std::string> keys;
   SLOT(fixture, ListConfigKeys)("plugins", ".+", &keys);
@@ -297,33 +298,10 @@ TEST(HostLongActions, AThousandConcurrentCommandsAllAnswerAndShutdownLeavesNothi
   EXPECT_EQ(CountOpenDescriptors(), descriptorsBefore);
 }
 
-// Polls `done` every 10 ms for up to 30 s, however long `done` takes.
-bool Eventually(const std::function<bool()>& done) {
-  auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-  for (; !done(); std::this_thread::sleep_for(std::chrono::milliseconds(10)))
-    if (std::chrono::steady_clock::now() > end) return false;
-  return true;
+// zelvar-host with `args`, standard error to `err`, after `shellFirst` (say, a ulimit).
+ChildProcess StartHost(const std::string& args, const std::string& err, const std::string& shellFirst = "") {
+  return ChildProcess(shellFirst + "exec " ZELVAR_HOST_PATH " " + args + " 2>" + err);
 }
-
-// zelvar-host in a child process, stderr to `err`, killed and reaped however the test ends.
-struct HostProcess {
-  HostProcess(const std::string& args, const std::string& err, const std::string& shellFirst = "") {
-    std::string command = shellFirst + "exec " ZELVAR_HOST_PATH " " + args + " 2>" + err;
-    if ((pid = fork()) != 0) return;
-    prctl(PR_SET_PDEATHSIG, SIGKILL);  // a test killed from outside takes its host with it
-    execl("/bin/sh", "sh", "-c", command.c_str(), static_cast<char*>(nullptr));
-    _exit(127);
-  }
-  ~HostProcess() { if (pid > 0 && kill(pid, SIGKILL) == 0) waitpid(pid, nullptr, 0); }
-  // The exit status, or -1 when the host does not end in time.
-  int Wait() {
-    int status = -1;
-    if (!Eventually([&] { return waitpid(pid, &status, WNOHANG) == pid; })) return -1;
-    pid = -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  }
-  pid_t pid = -1;
-};
 
 TEST(HostBinary, StartUpErrorsFailTheExitOnOneLineAndARunningHostReopensItsLogOnSighupAndStopsOnSigterm) {
   TempDir dir;
@@ -349,22 +327,23 @@ TEST(HostBinary, StartUpErrorsFailTheExitOnOneLineAndARunningHostReopensItsLogOn
       {dir.Write("long.ini", "[plugins]\n" + longPaths), "cannot load plug-in \"p\": " + dir.Path() + "/xxx"},
   };
   for (const auto& c : cases) {
-    EXPECT_EQ(HostProcess("-c " + c.first, err).Wait(), 1);
+    EXPECT_EQ(StartHost("-c " + c.first, err).Wait(), 1);
     std::string text = ReadFile(err);
     EXPECT_EQ(text.substr(0, c.second.size() + 13) + std::to_string(std::count(text.begin(), text.end(), '\n')),
               "zelvar-host: " + c.second + "1");
     EXPECT_LT(text.size(), 400u) << "an error line quotes at most the start of a value";
   }
   close(listener);
-  EXPECT_EQ(HostProcess("", err).Wait(), 2);
+  EXPECT_EQ(StartHost("", err).Wait(), 2);
   EXPECT_EQ(ReadFile(err).rfind("usage: zelvar-host -c FILE\n", 0), 0u);
 
-  HostProcess host("-c " + dir.Write("run.ini", "[host]\nlog_file = run.log\n[plugins]\np = " PROBE_PLUGIN_PATH), err);
+  auto host = StartHost("-c " + dir.Write("run.ini", "[host]\nlog_file = run.log\n[plugins]\np = " PROBE_PLUGIN_PATH),
+                        err);
   ASSERT_TRUE(Eventually([&] { return ReadFile(log).find("zelvar-host started") != std::string::npos; }));
   ASSERT_EQ(std::rename(log.c_str(), (log + ".1").c_str()), 0);
-  kill(host.pid, SIGHUP);
+  kill(host.Pid(), SIGHUP);
   ASSERT_TRUE(Eventually([&] { return !ReadFile(log).empty(); }));
-  kill(host.pid, SIGTERM);
+  kill(host.Pid(), SIGTERM);
   EXPECT_EQ(host.Wait(), 0);
   EXPECT_EQ(ReadFile(err), "");
   std::regex stop(".{23} INFO log file reopened\n[^]*signal 15 \\(SIGTERM\\)\n[^]*probe unloaded\n[^]*host stopped\n");
@@ -375,9 +354,9 @@ TEST(HostBinary, OutOfDescriptorsTheListenerPausesSaysSoOnceAndServesAgainOnceSo
   TempDir dir;
   int port = FreeLoopbackPort();
   std::string err = dir.Path() + "/err", log = dir.Path() + "/run.log", paused = "listener paused";
-  HostProcess host("-c " + dir.Write("run.ini", "[host]\nlog_file = run.log\nlog_level = 2\n[network]\nlisten-ip = "
-                                     "127.0.0.1\nlisten-port = " + std::to_string(port) + "\n[plugins]\np = " PROBE_PLUGIN_PATH),
-                   err, "ulimit -n 40; ");
+  std::string config = "[host]\nlog_file = run.log\nlog_level = 2\n[network]\nlisten-ip = 127.0.0.1\nlisten-port = " +
+                       std::to_string(port) + "\n[plugins]\np = " PROBE_PLUGIN_PATH;
+  auto host = StartHost("-c " + dir.Write("run.ini", config), err, "ulimit -n 40; ");
   ASSERT_TRUE(Eventually([&] { return ReadFile(log).find("zelvar-host started") != std::string::npos; }));
   std::vector<int> clients;
   for (int i = 0; i < 60; ++i) clients.push_back(ConnectLoopback(port));
@@ -393,9 +372,9 @@ TEST(HostBinary, OutOfDescriptorsTheListenerPausesSaysSoOnceAndServesAgainOnceSo
 TEST(HostBinary, AHostKilledOutrightTakesItsRunningCommandWithIt) {
   TempDir dir;
   std::string config = "[plugins]\np = " PROBE_PLUGIN_PATH "\n[probe]\ncommand = exec sleep 77.76";
-  HostProcess host("-c " + dir.Write("h.ini", config), dir.Path() + "/err");
+  auto host = StartHost("-c " + dir.Write("h.ini", config), dir.Path() + "/err");
   ASSERT_TRUE(Eventually([] { return SessionRuns("sleep 77.76"); }));
-  kill(host.pid, SIGKILL);
+  kill(host.Pid(), SIGKILL);
   host.Wait();
   EXPECT_TRUE(Eventually([] { return !SessionRuns("sleep 77.76"); }));
 }

@@ -2,8 +2,14 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <signal.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
+
+#include <chrono>
+#include <thread>
 
 #include <cerrno>
 #include <cstdio>
@@ -35,6 +41,31 @@ std::string ReadFile(const std::string& path) {
   std::ostringstream text;
   text << std::ifstream(path, std::ios::binary).rdbuf();
   return text.str();
+}
+
+bool Eventually(const std::function<bool()>& done, double seconds) {
+  auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+  for (; !done(); std::this_thread::sleep_for(std::chrono::milliseconds(10)))
+    if (std::chrono::steady_clock::now() > end) return false;
+  return true;
+}
+
+ChildProcess::ChildProcess(const std::string& command) : m_iPid(fork()) {
+  if (m_iPid != 0) return;
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  execl("/bin/sh", "sh", "-c", command.c_str(), static_cast<char*>(nullptr));
+  _exit(127);
+}
+
+ChildProcess::~ChildProcess() {
+  if (m_iPid > 0 && kill(m_iPid, SIGKILL) == 0) waitpid(m_iPid, nullptr, 0);
+}
+
+int ChildProcess::Wait() {
+  int status = -1;
+  if (m_iPid <= 0 || !Eventually([&] { return waitpid(m_iPid, &status, WNOHANG) == m_iPid; })) return -1;
+  m_iPid = -1;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 namespace {

@@ -3,7 +3,10 @@
 #ifndef OVITA2_TESTS_SUPPORT_LOCAL_SYSTEM_H
 #define OVITA2_TESTS_SUPPORT_LOCAL_SYSTEM_H
 
+#include <functional>
 #include <string>
+
+#include <sys/types.h>
 
 namespace ovita2::testing {
 
@@ -35,6 +38,26 @@ int FreeLoopbackPort();
 bool SendAll(int fd, const std::string& bytes);
 // Appends what can be read now without blocking; false once the peer closed.
 bool ReadAvailable(int fd, std::string* sink);
+
+// Polls `done` every 10 ms until it holds or `seconds` passed, however long `done` takes.
+bool Eventually(const std::function<bool()>& done, double seconds = 30);
+
+// `/bin/sh -c command` in a child that dies with the test (however the test
+// ends, even killed from outside), killed and reaped when destroyed.
+class ChildProcess {
+ public:
+  explicit ChildProcess(const std::string& command);
+  ~ChildProcess();
+  ChildProcess(const ChildProcess&) = delete;
+  ChildProcess& operator=(const ChildProcess&) = delete;
+
+  pid_t Pid() const { return m_iPid; }
+  // Its exit status once it ends within 30 s; -1 after a signal or when it does not end.
+  int Wait();
+
+ private:
+  pid_t m_iPid;
+};
 
 int CountOpenDescriptors();
 // Children of this process that exited and were not reaped.
