@@ -251,5 +251,38 @@ TEST(AgentAgainstControlPlane, WhatTheAgentMeasuresIsReadBackThroughTheClient) {
   EXPECT_EQ(controlPlane.Stop(), 0) << "the control plane stops cleanly on SIGTERM\n" << cpLog();
 }
 
+// What a headless Chromium run of `flags` on `url` prints on stdout.
+std::string Chromium(const std::string& profile, const std::string& flags, const std::string& url) {
+  const std::string command = "chromium --headless --no-sandbox --disable-gpu --user-data-dir=" + profile +
+                              " --virtual-time-budget=8000 " + flags + " " + url + " 2>/dev/null";
+  FILE* out = popen(command.c_str(), "r");
+  std::string printed;
+  for (char chunk[4096]; size_t got = fread(chunk, 1, sizeof chunk, out);) printed.append(chunk, got);
+  pclose(out);
+  return printed;
+}
+
+TEST(WebPageInChromium, ListsAgentsChartsTheFirstSeriesAndShowsTheLiveLists) {
+  if (system("command -v chromium >/dev/null") != 0) GTEST_SKIP() << "chromium is not installed";
+  ovita2::testing::TempDir dir;
+  SeedWebData(dir.Path() + "/cp.db");
+  dir.Write("jobs.yaml", Jobs("web-01", "echo 1"));
+  const int httpPort = ovita2::testing::FreeLoopbackPort();
+  HostProcess controlPlane(dir.Path(), dir.Write("cp.ini", ControlPlaneConfig(ovita2::testing::FreeLoopbackPort(),
+                                                 "http = 127.0.0.1:" + std::to_string(httpPort))));
+  const std::string url = "http://127.0.0.1:" + std::to_string(httpPort) + "/";
+  for (int wait = 0; wait < 200 && ReadFile(dir.Path() + "/host.log").find(url) == std::string::npos; ++wait) {
+    usleep(100000);
+  }
+  const std::string dom = Chromium(dir.Path() + "/profile", "--dump-dom", url);
+  for (const char* shown : {"<tr data-agent=\"web-01\"", "data-points=\"2\"", "load (job 0): sshd:-1", "tail line",
+                            "<td>2.1.0</td><td class=\"num\">7</td>", "<td class=\"num\">12.3</td>"}) {
+    EXPECT_NE(dom.find(shown), std::string::npos) << shown << " is not on the page:\n" << dom;
+  }
+  std::remove(WEB_SCREENSHOT_PATH);
+  Chromium(dir.Path() + "/profile", "--window-size=1280,900 --screenshot=" WEB_SCREENSHOT_PATH, url);
+  EXPECT_GT(ReadFile(WEB_SCREENSHOT_PATH).size(), 10000u) << "a screenshot of the page at " WEB_SCREENSHOT_PATH;
+}
+
 }  // namespace
 }  // namespace controlplane
