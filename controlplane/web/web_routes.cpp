@@ -84,7 +84,9 @@ bool ReadListQuery(const QueryParams& params, SampleQuery* query, WebReply* bad)
 }  // namespace
 
 WebReply WebRoutes::Answer(const std::string& path, const QueryParams& params, int64_t now) const {
-  if (path == "/" || path == "/index.html") return FileReply(m_sFiles.web_root + "/index.html", "text/html; charset=utf-8");
+  if (path == "/" || path == "/index.html") {
+    return FileReply(m_sFiles.web_root + "/index.html", "text/html; charset=utf-8");
+  }
   if (path == "/app.js") return FileReply(m_sFiles.web_root + "/app.js", "text/javascript; charset=utf-8");
   if (path == "/style.css") return FileReply(m_sFiles.web_root + "/style.css", "text/css; charset=utf-8");
   if (path == "/chart.js") return FileReply(m_sFiles.chart_js, "text/javascript; charset=utf-8");

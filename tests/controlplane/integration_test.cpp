@@ -169,7 +169,7 @@ TEST_F(ControlPlaneInHost, WebAddressAnswersReadOnlyJsonAndMetricsPrometheusAcce
   EXPECT_TRUE(Json("/api/lines?after=1")["lines"].empty());
 
   const std::string metrics = std::get<2>(Http("GET", "/metrics"));
-  EXPECT_NE(metrics.find("ovita2_sample_value{agent=\"web-01\",object=\"4\",stat_key=\"load\",stat_item=\"41\"} 12.3\n"),
+  EXPECT_NE(metrics.find("ovita2_sample_value{agent=\"web-01\",object=\"4\",stat_key=\"load\",stat_item=\"41\"} 12.3"),
             std::string::npos) << metrics;
   EXPECT_NE(metrics.find("{agent=\"we\\\"b\\\\\\n1\","), std::string::npos) << metrics;
   if (system("command -v promtool >/dev/null") != 0) GTEST_SKIP() << "promtool (Debian: prometheus) is not installed";

@@ -169,9 +169,33 @@ function selectAgent(name) {
 
 function selectSeries(series) {
   state.series = series;
+  remember();
   refresh();
 }
 
-$('range').addEventListener('change', refresh);
+// The chosen series and range live in the address, so a view can be
+// bookmarked or sent: #agent=A&object=O&stat_key=K&stat_item=I&range=S.
+function remember() {
+  const s = state.series;
+  const chosen = s ? { agent: s.agent, object: s.object_id, stat_key: s.stat_key, stat_item: s.stat_item } : {};
+  history.replaceState(null, '', '#' + query({ ...chosen, range: $('range').value }));
+}
+
+function recall() {
+  const hash = new URLSearchParams(location.hash.slice(1));
+  if (hash.has('range')) $('range').value = hash.get('range');
+  if (!hash.has('agent')) return;
+  state.agent = hash.get('agent');
+  if (hash.has('stat_key')) {
+    state.series = { agent: state.agent, object_id: Number(hash.get('object')), stat_key: hash.get('stat_key'),
+                     stat_item: Number(hash.get('stat_item')) };
+  }
+}
+
+$('range').addEventListener('change', () => {
+  remember();
+  refresh();
+});
+recall();
 refresh();
 setInterval(refresh, POLL_MS);
