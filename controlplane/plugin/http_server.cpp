@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <string>
 
 #include "plugin/host_access.h"
 
@@ -39,7 +40,13 @@ void Send(evhttp_request* request, const WebReply& reply) {
   // The page polls; a cached answer would freeze it.
   evhttp_add_header(headers, "Cache-Control", "no-store");
   evbuffer* body = evbuffer_new();
-  evbuffer_add(body, reply.body.data(), reply.body.size());
+  // evhttp would send a HEAD answer's body too; it gets the length of the
+  // body a GET would have, and no body.
+  if (evhttp_request_get_command(request) == EVHTTP_REQ_HEAD) {
+    evhttp_add_header(headers, "Content-Length", std::to_string(reply.body.size()).c_str());
+  } else {
+    evbuffer_add(body, reply.body.data(), reply.body.size());
+  }
   evhttp_send_reply(request, reply.status, nullptr, body);
   evbuffer_free(body);
 }

@@ -110,18 +110,22 @@ TEST_F(ControlPlaneInHost, RefusesBadSettingsAnswersPrunesAndReloadsItsJobsOnSig
 }
 
 // Seeds, 100 s before now: web-01's heartbeat, two numeric samples of one series (the later one is
-// latest), a text sample and a real-time line; and a sample of an agent whose name needs escaping.
+// latest), one of a series below zero, a text sample and a real-time line; and a sample of an agent
+// whose name needs escaping.
 void SeedWebData(const std::string& database) {
   SampleStore store;
   std::string error;
   const int64_t at = std::time(nullptr) - 100;
-  SampleRow first{0, at - 60, "web-01", false, "load", 4, 41, 0, 117, "", 0}, latest = first, odd = first, text = first;
+  SampleRow first{0, at - 60, "web-01", false, "load", 4, 41, 0, 117, "", 0}, latest = first, odd = first, text = first,
+            below = first;
   latest.received_at = at;
   latest.value = 123;
   odd.agent = "we\"b\\\n1";
+  below.stat_item = 42;
+  below.value = -5;
   text.text = true;
   text.text_value = "sshd:-1";
-  ASSERT_TRUE(store.Open(database, &error) && store.AddSamples({first, latest, odd, text}, &error) &&
+  ASSERT_TRUE(store.Open(database, &error) && store.AddSamples({first, latest, odd, text, below}, &error) &&
               store.RecordHeartbeat("web-01", "10.1.2.3", at, "2.1.0", 7, &error) &&
               store.AddRealTimeLine("web-01", at, "tail line", &error)) << error;
 }
@@ -153,6 +157,7 @@ TEST_F(ControlPlaneInHost, WebAddressAnswersReadOnlyJsonAndMetricsPrometheusAcce
     EXPECT_EQ(std::get<1>(answer), type) << method << " " << target;
   }
 
+  EXPECT_EQ(Http("HEAD", "/api/agents"), std::make_tuple(200, json, std::string()));
   const nlohmann::json agents = Json("/api/agents")["agents"];
   ASSERT_EQ(agents.size(), 1u) << agents;
   EXPECT_EQ(agents[0]["address"], "10.1.2.3");
@@ -160,8 +165,9 @@ TEST_F(ControlPlaneInHost, WebAddressAnswersReadOnlyJsonAndMetricsPrometheusAcce
   EXPECT_EQ(agents[0]["job_count"], 7);
   EXPECT_NEAR(agents[0]["heartbeat_age"].get<double>(), 100, 10);
   const nlohmann::json series = Json("/api/series?agent=web-01")["series"];
-  ASSERT_EQ(series.size(), 1u) << series;
+  ASSERT_EQ(series.size(), 2u) << series;
   EXPECT_EQ(series[0]["value"], 12.3);
+  EXPECT_EQ(series[1]["value"], -0.5);
   const nlohmann::json points = Json("/api/points?agent=web-01&object=4&stat_key=load&stat_item=41")["points"];
   EXPECT_EQ(points.size() == 2 ? nlohmann::json({points[0][1], points[1][1]}) : points, nlohmann::json({11.7, 12.3}));
   EXPECT_EQ(Json("/api/texts?agent=web-01")["samples"][0]["text"], "sshd:-1");
@@ -171,6 +177,7 @@ TEST_F(ControlPlaneInHost, WebAddressAnswersReadOnlyJsonAndMetricsPrometheusAcce
   const std::string metrics = std::get<2>(Http("GET", "/metrics"));
   EXPECT_NE(metrics.find("ovita2_sample_value{agent=\"web-01\",object=\"4\",stat_key=\"load\",stat_item=\"41\"} 12.3"),
             std::string::npos) << metrics;
+  EXPECT_NE(metrics.find(",stat_item=\"42\"} -0.5\n"), std::string::npos) << metrics;
   EXPECT_NE(metrics.find("{agent=\"we\\\"b\\\\\\n1\","), std::string::npos) << metrics;
   if (system("command -v promtool >/dev/null") != 0) GTEST_SKIP() << "promtool (Debian: prometheus) is not installed";
   const std::string check = "promtool check metrics < " + dir.Write("metrics.txt", metrics) + " 2>&1";
