@@ -83,7 +83,7 @@ CREATE TABLE latest_samples (
 INSERT INTO latest_samples
   SELECT agent, object_id, name, stat_item, max(id), received_at, value FROM samples
   WHERE is_text = 0 AND object_id IS NOT NULL GROUP BY agent, object_id, name, stat_item;
-CREATE TRIGGER samples_keep_latest AFTER INSERT ON samples
+CREATE TRIGGER IF NOT EXISTS samples_keep_latest AFTER INSERT ON samples
   WHEN NEW.is_text = 0 AND NEW.object_id IS NOT NULL
 BEGIN
   INSERT INTO latest_samples VALUES (NEW.agent, NEW.object_id, NEW.name, NEW.stat_item, NEW.id, NEW.received_at,
@@ -91,7 +91,8 @@ BEGIN
     ON CONFLICT DO UPDATE SET sample_id = excluded.sample_id, received_at = excluded.received_at,
                               value = excluded.value;
 END;
-CREATE INDEX samples_by_series ON samples (agent, object_id, name, stat_item, received_at) WHERE is_text = 0;
+CREATE INDEX IF NOT EXISTS samples_by_series ON samples (agent, object_id, name, stat_item, received_at)
+  WHERE is_text = 0;
 )sql";
 
 constexpr const char* kSelectLatest =
@@ -283,9 +284,13 @@ int CreateTablesIfMissing(sqlite3* pDb) {
 }
 
 int AddLatestValuesIfMissing(sqlite3* pDb) {
-  Statement exists(pDb, "SELECT count(*) FROM sqlite_master WHERE name = 'latest_samples'");
-  if (exists.Step() != SQLITE_ROW) return sqlite3_errcode(pDb);
-  if (exists.Int(0) != 0) return SQLITE_DONE;
+  {
+    // Finalised before the script runs: finalising afterwards would clear
+    // the script's error message.
+    Statement exists(pDb, "SELECT count(*) FROM sqlite_master WHERE name = 'latest_samples'");
+    if (exists.Step() != SQLITE_ROW) return sqlite3_errcode(pDb);
+    if (exists.Int(0) != 0) return SQLITE_DONE;
+  }
   return sqlite3_exec(pDb, kCreateLatestValues, nullptr, nullptr, nullptr);
 }
 
