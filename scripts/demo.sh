@@ -36,6 +36,7 @@ mkdir -p "$run_dir"
 run_dir=$(cd "$run_dir" && pwd)
 cp_port=$(free_port 7100)
 agent_port=$(free_port $((cp_port + 200)))
+http_port=$(free_port 7180)
 database=$run_dir/controlplane.db
 
 cat >"$run_dir/controlplane.ini" <<EOF
@@ -53,6 +54,7 @@ controlplane = $lib/libovita2_controlplane.so
 name = cp-1
 jobs_file = $jobs_file
 database = $database
+http = 127.0.0.1:$http_port
 EOF
 
 # The agent's registry is embedded in its own process, so it is told where the
@@ -165,6 +167,7 @@ remind &
 children+=($!)
 "$bin/ovita2ctl" follow --db "$database" --last 0 &
 children+=($!)
+say "the web page: http://127.0.0.1:$http_port/  (Prometheus: http://127.0.0.1:$http_port/metrics)"
 say "samples appear below as they are stored; Ctrl-C stops everything"
 say "(another terminal: $bin/ovita2ctl samples --db $database)"
 say "real-time monitoring, from another terminal (item 1 is $task_dir/1.sh):"

@@ -15,6 +15,9 @@ packages=(
   libcli11-dev
   nlohmann-json3-dev
   libgtest-dev libgmock-dev libbenchmark-dev
+  libjs-chart.js   # the control plane's web page draws its charts with it
+  prometheus       # promtool checks /metrics in the tests
+  chromium         # the web page's browser test, and the README's screenshot
 )
 
 missing=()

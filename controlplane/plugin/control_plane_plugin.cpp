@@ -1,11 +1,14 @@
 #include "plugin/control_plane_plugin.h"
 
 #include <arpa/inet.h>
+#include <dlfcn.h>
 #include <event2/buffer.h>
 #include <event2/bufferevent.h>
 #include <event2/event.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+
+#include <sys/stat.h>
 
 #include <csignal>
 
@@ -33,6 +36,26 @@ std::string PeerAddressOf(bufferevent* bev) {
 
 bufferevent* ConnectionBev(uint64_t connA, uint64_t connB) {
   return HostSlot<zelvar::GetConnectionBevFn>(zelvar::kSlotGetConnectionBev)(connA, connB);
+}
+
+bool IsDirectory(const std::string& path) {
+  struct stat info;
+  return ::stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+}
+
+// The page's files when web_root is not set: where the install put them
+// relative to the plug-in (<prefix>/share/ovita2/web for <prefix>/lib), else,
+// for a plug-in run from its build tree, the source tree's copy.
+std::string DefaultWebRoot() {
+  Dl_info self{};
+  if (dladdr(reinterpret_cast<void*>(&DefaultWebRoot), &self) != 0 && self.dli_fname != nullptr) {
+    std::string library = self.dli_fname;
+    std::string::size_type slash = library.rfind('/');
+    std::string folder = slash == std::string::npos ? "." : library.substr(0, slash);
+    std::string installed = folder + "/" OVITA2_WEB_FROM_PLUGIN;
+    if (IsDirectory(installed)) return installed;
+  }
+  return OVITA2_WEB_SOURCE_DIR;
 }
 
 }  // namespace
@@ -68,6 +91,7 @@ bool ControlPlanePlugin::Init(const std::string& configPath, std::string* error)
   m_pServices = std::make_unique<ControlPlaneServices>(m_sSettings.self, &m_sStore,
                                                        [](int level, const std::string& line) { HostLog(level, line); });
   m_pServices->SetCatalogue(catalogue);
+  if (!ServeHttp(error)) return false;
 
   zelvar::kadri::NameNodeContent endpoint;
   endpoint.set_ip(m_sSettings.self.ip);
@@ -85,6 +109,21 @@ bool ControlPlanePlugin::Init(const std::string& configPath, std::string* error)
                  std::to_string(m_sSettings.self.port) + ", " + std::to_string(catalogue->JobCount()) +
                  " jobs for " + std::to_string(catalogue->AgentCount()) + " agents from " + m_sSettings.jobs_file +
                  ", database " + m_sSettings.database);
+  return true;
+}
+
+bool ControlPlanePlugin::ServeHttp(std::string* error) {
+  if (m_sSettings.http_port == 0) return true;
+  WebFiles files{m_sSettings.web_root.empty() ? DefaultWebRoot() : m_sSettings.web_root, m_sSettings.chart_js};
+  const std::string webRoot = files.web_root;
+  m_pWebRoutes = std::make_unique<WebRoutes>(&m_sStore, m_pServices.get(), std::move(files));
+  m_pHttp = std::make_unique<HttpServer>(m_pWebRoutes.get());
+  if (!m_pHttp->Listen(HostSlot<zelvar::GetEventBaseFn>(zelvar::kSlotGetEventBase)(), m_sSettings.http_ip,
+                       m_sSettings.http_port, error)) {
+    return false;
+  }
+  HostLog(3, "web page and /metrics at http://" + m_sSettings.http_ip + ":" + std::to_string(m_sSettings.http_port) +
+                 "/, files from " + webRoot);
   return true;
 }
 

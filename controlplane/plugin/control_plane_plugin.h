@@ -12,6 +12,7 @@
 #include <string>
 #include <utility>
 
+#include "plugin/http_server.h"
 #include "plugin/plugin_settings.h"
 #include "services/control_plane_services.h"
 #include "store/sample_store.h"
@@ -56,6 +57,7 @@ class ControlPlanePlugin {
   ControlPlanePlugin() = default;
   bool Init(const std::string& configPath, std::string* error);
   bool WatchReloadSignal(std::string* error);
+  bool ServeHttp(std::string* error);
   void WriteReply(const zelvar::ZMessage& reply, uint64_t connA, uint64_t connB);
   void PruneOldSamples(int64_t now);
   static void OnReloadSignal(int, short, void*);
@@ -66,6 +68,8 @@ class ControlPlanePlugin {
   PluginSettings m_sSettings;
   SampleStore m_sStore;
   std::unique_ptr<ControlPlaneServices> m_pServices;
+  std::unique_ptr<WebRoutes> m_pWebRoutes;
+  std::unique_ptr<HttpServer> m_pHttp;  // null when no http address is configured
   std::map<ConnectionKey, PeerIdentity> m_mapPeers;
   zelvar::ZKPluginHandle* m_pRegistry = nullptr;
   std::string m_strNodeData;  // the endpoint, as every registry node holds it

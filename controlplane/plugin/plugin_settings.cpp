@@ -11,6 +11,8 @@ namespace {
 constexpr const char* kSection = "controlplane";
 constexpr const char* kDefaultMasterPath = "/ovita2/names/MASTER";
 constexpr const char* kDefaultAccessPath = "/ovita2/names/TELLAR2_ACCESS";
+// Where Debian's libjs-chart.js puts its single-file build.
+constexpr const char* kDefaultChartJs = "/usr/share/javascript/chart.js/chart.min.js";
 
 std::string ResolveAgainst(const std::string& configPath, const std::string& path) {
   if (path.empty() || path[0] == '/') return path;
@@ -64,6 +66,23 @@ bool ReadEndpoint(const ConfigReader& read, Endpoint* self, std::string* error) 
   return true;
 }
 
+// "ip:port" or "[ipv6]:port".
+bool ReadHttpAddress(const ConfigReader& read, PluginSettings* settings, std::string* error) {
+  std::string address = read(kSection, "http");
+  if (address.empty()) return true;
+  std::string::size_type colon = address.rfind(':');
+  long port = 0;
+  std::string ip = colon == std::string::npos ? "" : address.substr(0, colon);
+  if (ip.size() > 2 && ip.front() == '[' && ip.back() == ']') ip = ip.substr(1, ip.size() - 2);
+  if (ip.empty() || !ParseBounded(address.substr(colon + 1), 1, 65535, &port)) {
+    *error = "[controlplane] http \"" + address + "\" is not an address like 127.0.0.1:7180";
+    return false;
+  }
+  settings->http_ip = ip;
+  settings->http_port = static_cast<int>(port);
+  return true;
+}
+
 }  // namespace
 
 bool ReadPluginSettings(const ConfigReader& read, const std::string& configPath, PluginSettings* out,
@@ -94,6 +113,10 @@ bool ReadPluginSettings(const ConfigReader& read, const std::string& configPath,
     }
     settings.registry_nodes.push_back(folder + "/" + settings.self.name);
   }
+  if (!ReadHttpAddress(read, &settings, error)) return false;
+  settings.web_root = ResolveAgainst(configPath, read(kSection, "web_root"));
+  settings.chart_js = ResolveAgainst(configPath, read(kSection, "chart_js"));
+  if (settings.chart_js.empty()) settings.chart_js = kDefaultChartJs;
   *out = std::move(settings);
   return true;
 }

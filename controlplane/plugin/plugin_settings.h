@@ -10,6 +10,9 @@
 //   keep_days     = 7                     samples older than this are deleted (0 keeps everything)
 //   master_path   = /ovita2/names/MASTER          registry folder of the master endpoint
 //   access_path   = /ovita2/names/TELLAR2_ACCESS  registry folder of the statistics access endpoint
+//   http          = 127.0.0.1:7180        the web page and /metrics (default: off)
+//   web_root      = /usr/share/ovita2/web the page's files (default: see DefaultWebRoot)
+//   chart_js      = /usr/share/javascript/chart.js/chart.min.js   the charting library
 #ifndef OVITA2_CONTROLPLANE_PLUGIN_SETTINGS_H
 #define OVITA2_CONTROLPLANE_PLUGIN_SETTINGS_H
 
@@ -28,6 +31,11 @@ struct PluginSettings {
   int keep_days = 7;
   // Registry nodes to keep: each folder + "/" + the instance name.
   std::vector<std::string> registry_nodes;
+  // The HTTP address; http_port 0 when no address is configured.
+  std::string http_ip;
+  int http_port = 0;
+  std::string web_root;  // "" when not configured
+  std::string chart_js;
 };
 
 // Reads a key of a section; "" when absent.

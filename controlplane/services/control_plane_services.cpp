@@ -40,6 +40,7 @@ ControlPlaneServices::ControlPlaneServices(Endpoint self, SampleStore* store, Se
 bool ControlPlaneServices::Handle(const zelvar::ZMessage& request, PeerIdentity* peer, int64_t now,
                                   zelvar::ZMessage* reply) {
   const unsigned type = request.head().message_type();
+  ++m_sCounters.requests_by_type[type];
   zelvar::Body* body = reply->mutable_body();
   switch (type) {
     case ov::GET_TASK_QUEUE_REQUEST:
@@ -209,10 +210,12 @@ void ControlPlaneServices::StoreAndAnswer(const std::vector<SampleRow>& rows, co
   if (!m_pStore->AddSamples(rows, &error)) {
     rc->set_code(kCodeStoreFailed);
     rc->set_msg(error);
+    ++m_sCounters.store_errors;
     Log(4, std::to_string(rows.size()) + " " + what + " of " + agent + " lost: " + error);
     return;
   }
   Succeed(rc);
+  m_sCounters.samples_stored += rows.size();
   Log(2, "stored " + std::to_string(rows.size()) + " " + what + " of " + agent);
 }
 
@@ -226,6 +229,7 @@ void ControlPlaneServices::StoreHeartbeat(const zelvar::ZMessage& request, PeerI
   const std::string agent = AgentLabel(*peer);
   std::string error;
   if (!m_pStore->RecordHeartbeat(agent, peer->ip, now, beat.version(), beat.job_count(), &error)) {
+    ++m_sCounters.store_errors;
     Log(4, "heartbeat of " + agent + " lost: " + error);
     return;
   }
@@ -242,6 +246,7 @@ void ControlPlaneServices::StoreRealTimeLine(const zelvar::ZMessage& request, Pe
   std::string error;
   if (!m_pStore->AddRealTimeLine(agent, now, request.body().GetExtension(ov::send_real_time_buff_request).line(),
                                  &error)) {
+    ++m_sCounters.store_errors;
     Log(4, "real-time line of " + agent + " lost: " + error);
   }
 }

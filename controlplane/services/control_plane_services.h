@@ -52,6 +52,14 @@ enum ReplyCode : int32_t {
 
 using ServiceLog = std::function<void(int level, const std::string& line)>;
 
+// Counts since start, exported on /metrics. Every stored row counts once; a
+// failed write counts as one error however many rows it carried.
+struct ServiceCounters {
+  std::map<unsigned, uint64_t> requests_by_type;
+  uint64_t samples_stored = 0;
+  uint64_t store_errors = 0;
+};
+
 class ControlPlaneServices {
  public:
   // `store` outlives the services. Learns the agents the store already knows.
@@ -61,6 +69,7 @@ class ControlPlaneServices {
   void SetCatalogue(std::shared_ptr<const JobCatalogue> catalogue) { m_pCatalogue = std::move(catalogue); }
   const JobCatalogue* Catalogue() const { return m_pCatalogue.get(); }
   const Endpoint& Self() const { return m_sSelf; }
+  const ServiceCounters& Counters() const { return m_sCounters; }
 
   // Handles one request from the agent `peer` at time `now`. Returns true with
   // `*reply` filled (head included) when the request is answered; requests of
@@ -99,6 +108,7 @@ class ControlPlaneServices {
   std::shared_ptr<const JobCatalogue> m_pCatalogue;
   std::map<std::string, std::string> m_mapAgentOfNode;     // node path -> agent name
   std::map<std::string, std::string> m_mapAgentOfAddress;  // IP -> agent name
+  ServiceCounters m_sCounters;
 };
 
 }  // namespace controlplane

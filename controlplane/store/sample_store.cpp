@@ -64,6 +64,45 @@ CREATE INDEX real_time_lines_by_agent ON real_time_lines (agent, id);
 CREATE INDEX real_time_lines_by_received_at ON real_time_lines (received_at);
 )sql";
 
+// Added to databases of any age when opened for writing; older programs
+// reading or writing the same file keep working, the trigger keeps the table
+// true for them too. The latest value of every series is read on each scrape
+// of /metrics, so it is kept up to date on insert rather than searched for
+// among all samples; a series' chart reads its range through the index.
+constexpr const char* kCreateLatestValues = R"sql(
+CREATE TABLE latest_samples (
+  agent TEXT NOT NULL,
+  object_id INTEGER NOT NULL,
+  name TEXT NOT NULL,
+  stat_item INTEGER NOT NULL,
+  sample_id INTEGER NOT NULL,
+  received_at INTEGER NOT NULL,
+  value INTEGER NOT NULL,
+  PRIMARY KEY (agent, object_id, name, stat_item)
+) WITHOUT ROWID;
+INSERT INTO latest_samples
+  SELECT agent, object_id, name, stat_item, max(id), received_at, value FROM samples
+  WHERE is_text = 0 AND object_id IS NOT NULL GROUP BY agent, object_id, name, stat_item;
+CREATE TRIGGER IF NOT EXISTS samples_keep_latest AFTER INSERT ON samples
+  WHEN NEW.is_text = 0 AND NEW.object_id IS NOT NULL
+BEGIN
+  INSERT INTO latest_samples VALUES (NEW.agent, NEW.object_id, NEW.name, NEW.stat_item, NEW.id, NEW.received_at,
+                                     NEW.value)
+    ON CONFLICT DO UPDATE SET sample_id = excluded.sample_id, received_at = excluded.received_at,
+                              value = excluded.value;
+END;
+CREATE INDEX IF NOT EXISTS samples_by_series ON samples (agent, object_id, name, stat_item, received_at)
+  WHERE is_text = 0;
+)sql";
+
+constexpr const char* kSelectLatest =
+    "SELECT agent, object_id, name, stat_item, received_at, value FROM latest_samples";
+
+constexpr const char* kSelectSeries =
+    "SELECT received_at, value FROM samples WHERE is_text = 0 AND agent = :agent AND object_id = :object_id"
+    " AND name = :name AND stat_item = :stat_item AND received_at BETWEEN :from AND :to"
+    " ORDER BY received_at DESC, id DESC LIMIT :limit";
+
 constexpr const char* kInsertSample =
     "INSERT INTO samples (received_at, agent, is_text, name, object_id, stat_item, value, job_id, text_value,"
     " sample_time) VALUES (:received_at, :agent, :is_text, :name, :object_id, :stat_item, :value, :job_id,"
@@ -244,6 +283,17 @@ int CreateTablesIfMissing(sqlite3* pDb) {
   return sqlite3_exec(pDb, setVersion.c_str(), nullptr, nullptr, nullptr);
 }
 
+int AddLatestValuesIfMissing(sqlite3* pDb) {
+  {
+    // Finalised before the script runs: finalising afterwards would clear
+    // the script's error message.
+    Statement exists(pDb, "SELECT count(*) FROM sqlite_master WHERE name = 'latest_samples'");
+    if (exists.Step() != SQLITE_ROW) return sqlite3_errcode(pDb);
+    if (exists.Int(0) != 0) return SQLITE_DONE;
+  }
+  return sqlite3_exec(pDb, kCreateLatestValues, nullptr, nullptr, nullptr);
+}
+
 // Sets a writer's connection up and creates the tables of a new database.
 // Empty when all went well, else what went wrong.
 std::string PrepareForWriting(sqlite3* pDb, const std::string& path) {
@@ -257,7 +307,10 @@ std::string PrepareForWriting(sqlite3* pDb, const std::string& path) {
     return Failure(pDb, path, "cannot set up the database");
   }
   std::string failure;
-  RunWrite(pDb, path, "cannot create the tables", [pDb] { return CreateTablesIfMissing(pDb); }, &failure);
+  if (!RunWrite(pDb, path, "cannot create the tables", [pDb] { return CreateTablesIfMissing(pDb); }, &failure)) {
+    return failure;
+  }
+  RunWrite(pDb, path, "cannot add the latest values", [pDb] { return AddLatestValuesIfMissing(pDb); }, &failure);
   return failure;
 }
 
@@ -339,6 +392,7 @@ std::string SelectFor(const char* columnsAndTable, const SampleQuery& query, boo
   if (!query.agent.empty()) sql += " AND agent = :agent";
   if (sampleFilters && query.object_id) sql += " AND object_id = :object_id";
   if (sampleFilters && !query.name.empty()) sql += " AND name = :name";
+  if (sampleFilters && query.text_only) sql += " AND is_text = 1";
   sql += newestFirst ? " ORDER BY id DESC" : " ORDER BY id";
   return sql + " LIMIT :limit";
 }
@@ -501,7 +555,8 @@ bool SampleStore::Prune(int64_t cutoff, std::string* error) {
   return RunWrite(m_pDb, m_strPath, "cannot prune old rows",
                   [&] {
                     for (const char* sql : {"DELETE FROM samples WHERE received_at < :cutoff",
-                                            "DELETE FROM real_time_lines WHERE received_at < :cutoff"}) {
+                                            "DELETE FROM real_time_lines WHERE received_at < :cutoff",
+                                            "DELETE FROM latest_samples WHERE received_at < :cutoff"}) {
                       Statement remove(m_pDb, sql);
                       remove.Bind(":cutoff", cutoff);
                       int rc = remove.Step();
@@ -523,6 +578,37 @@ std::vector<SampleRow> SampleStore::RecentSamples(const SampleQuery& query, std:
 
 std::vector<SampleRow> SampleStore::SamplesAfter(const SampleQuery& query, std::string* error) const {
   return QuerySamples(m_pDb, m_strPath, query, false, error);
+}
+
+std::vector<LatestValueRow> SampleStore::LatestValues(const std::string& agent, std::string* error) const {
+  std::string sql = std::string(kSelectLatest) + (agent.empty() ? "" : " WHERE agent = :agent");
+  return RunQuery<LatestValueRow>(
+      m_pDb, m_strPath, "cannot read the latest values", sql,
+      [&agent](Statement& select) {
+        if (!agent.empty()) select.Bind(":agent", agent);
+      },
+      [](const Statement& select) {
+        return LatestValueRow{select.Text(0), select.Uint32(1), select.Text(2), select.Uint32(3), select.Int(4),
+                              select.Int(5)};
+      },
+      error);
+}
+
+std::vector<SeriesPoint> SampleStore::SeriesPoints(const SeriesQuery& query, std::string* error) const {
+  std::vector<SeriesPoint> points = RunQuery<SeriesPoint>(
+      m_pDb, m_strPath, "cannot read the series", kSelectSeries,
+      [&query](Statement& select) {
+        select.Bind(":agent", query.agent);
+        select.Bind(":object_id", int64_t{query.object_id});
+        select.Bind(":name", query.name);
+        select.Bind(":stat_item", int64_t{query.stat_item});
+        select.Bind(":from", query.from);
+        select.Bind(":to", query.to);
+        select.Bind(":limit", static_cast<int64_t>(std::min<size_t>(query.limit, INT64_MAX)));
+      },
+      [](const Statement& select) { return SeriesPoint{select.Int(0), select.Int(1)}; }, error);
+  std::reverse(points.begin(), points.end());
+  return points;
 }
 
 std::vector<RealTimeLineRow> SampleStore::RecentRealTimeLines(const SampleQuery& query, std::string* error) const {

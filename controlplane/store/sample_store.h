@@ -52,12 +52,40 @@ struct RealTimeLineRow {
   std::string line;
 };
 
+// The latest numeric sample of one series (agent, object, name, stat_item).
+struct LatestValueRow {
+  std::string agent;
+  uint32_t object_id = 0;
+  std::string name;
+  uint32_t stat_item = 0;
+  int64_t received_at = 0;
+  int64_t value = 0;  // tenths
+};
+
+// One point of a series' chart.
+struct SeriesPoint {
+  int64_t received_at = 0;
+  int64_t value = 0;  // tenths
+};
+
+// Which series and time range a chart shows; times are inclusive.
+struct SeriesQuery {
+  std::string agent;
+  uint32_t object_id = 0;
+  std::string name;
+  uint32_t stat_item = 0;
+  int64_t from = 0;
+  int64_t to = 0;
+  size_t limit = 5000;  // at most this many, the newest
+};
+
 // Which samples to read. Empty strings and an absent object match anything.
 struct SampleQuery {
   std::string agent;
   std::optional<uint32_t> object_id;
   std::string name;
   int64_t after_id = 0;  // only rows with a larger id
+  bool text_only = false;  // only text samples
   size_t limit = 20;     // at most this many
 };
 
@@ -95,6 +123,11 @@ class SampleStore {
   std::vector<SampleRow> RecentSamples(const SampleQuery& query, std::string* error) const;
   // The first `limit` matching samples after `after_id`, oldest first (follow).
   std::vector<SampleRow> SamplesAfter(const SampleQuery& query, std::string* error) const;
+  // The latest numeric sample of every series, of one agent when `agent` is
+  // not empty; ordered by agent, object, name, stat_item.
+  std::vector<LatestValueRow> LatestValues(const std::string& agent, std::string* error) const;
+  // A series' numeric samples in a time range, oldest first.
+  std::vector<SeriesPoint> SeriesPoints(const SeriesQuery& query, std::string* error) const;
   // Real-time lines like RecentSamples / SamplesAfter (agent filter only).
   std::vector<RealTimeLineRow> RecentRealTimeLines(const SampleQuery& query, std::string* error) const;
   std::vector<RealTimeLineRow> RealTimeLinesAfter(const SampleQuery& query, std::string* error) const;

@@ -3,10 +3,12 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <ctime>
 #include <nlohmann/json.hpp>
 #include <set>
 #include <sstream>
+#include <tuple>
 
 #include "client/client_app.h"
 #include "host.h"
@@ -57,8 +59,21 @@ class ControlPlaneInHost : public ::testing::Test {
     return jobs.object_jobs_size() > 0 ? jobs.object_jobs(0).job().command() : "(no jobs)";
   }
 
+  // One HTTP/1.0 exchange with the control plane's web address: status, Content-Type, body.
+  std::tuple<int, std::string, std::string> Http(const std::string& method, const std::string& target) {
+    const int fd = ovita2::testing::ConnectLoopback(httpPort);
+    ovita2::testing::SendAll(fd, method + " " + target + " HTTP/1.0\r\n\r\n");
+    std::string in;
+    host.RunUntil([&] { return !ovita2::testing::ReadAvailable(fd, &in); }, 20.0);
+    close(fd);
+    const size_t type = in.find("Content-Type: "), end = in.find("\r\n\r\n");
+    if (in.size() < 12 || type == std::string::npos || end == std::string::npos) return {0, "", in};
+    return {std::stoi(in.substr(9, 3)), in.substr(type + 14, in.find("\r\n", type) - type - 14), in.substr(end + 4)};
+  }
+  nlohmann::json Json(const std::string& target) { return nlohmann::json::parse(std::get<2>(Http("GET", target))); }
+
   ovita2::testing::TempDir dir;
-  const int port = ovita2::testing::FreeLoopbackPort();
+  const int port = ovita2::testing::FreeLoopbackPort(), httpPort = ovita2::testing::FreeLoopbackPort();
   zelvar_host::Host host;
   std::string error;
 };
@@ -92,6 +107,92 @@ TEST_F(ControlPlaneInHost, RefusesBadSettingsAnswersPrunesAndReloadsItsJobsOnSig
   close(fd);
 }
 
+// Seeds, 100 s before now: web-01's heartbeat, two numeric samples of one series (the later one is
+// latest), one of a series below zero, a text sample and a real-time line; and a sample of an agent
+// whose name needs escaping.
+void SeedWebData(const std::string& database) {
+  SampleStore store;
+  std::string error;
+  const int64_t at = std::time(nullptr) - 100;
+  SampleRow first{0, at - 60, "web-01", false, "load", 4, 41, 0, 117, "", 0}, latest = first, odd = first, text = first,
+            below = first;
+  latest.received_at = at;
+  latest.value = 123;
+  odd.agent = "we\"b\\\n1";
+  below.stat_item = 42;
+  below.value = -5;
+  text.text = true;
+  text.text_value = "sshd:-1";
+  ASSERT_TRUE(store.Open(database, &error) && store.AddSamples({first, latest, odd, text, below}, &error) &&
+              store.RecordHeartbeat("web-01", "10.1.2.3", at, "2.1.0", 7, &error) &&
+              store.AddRealTimeLine("web-01", at, "tail line", &error)) << error;
+}
+
+TEST_F(ControlPlaneInHost, WebAddressAnswersReadOnlyJsonAndMetricsPrometheusAccepts) {
+  SeedWebData(dir.Path() + "/cp.db");
+  dir.Write("jobs.yaml", Jobs("web-01", "echo 1"));
+  int busyPort = 0;
+  const int busy = ovita2::testing::ListenLoopback(&busyPort);
+  EXPECT_FALSE(zelvar_host::Host().Init(
+      dir.Write("busy.ini", ControlPlaneConfig(port, "http = 127.0.0.1:" + std::to_string(busyPort))), &error));
+  EXPECT_NE(Log().find("not started: [controlplane] http: cannot listen on 127.0.0.1:" + std::to_string(busyPort) +
+                       ": Address already in use"), std::string::npos) << Log();
+  close(busy);
+  const std::string http = "http = 127.0.0.1:" + std::to_string(httpPort) + "\n";
+  ASSERT_TRUE(host.Init(dir.Write("cp.ini", ControlPlaneConfig(port, http)), &error)) << error;
+
+  const std::string json = "application/json", text = "text/plain; charset=utf-8";
+  const std::tuple<std::string, std::string, int, std::string> cases[] = {
+      {"GET", "/", 200, "text/html; charset=utf-8"},     {"GET", "/app.js", 200, "text/javascript; charset=utf-8"},
+      {"GET", "/style.css", 200, "text/css; charset=utf-8"}, {"GET", "/api/agents", 200, json},
+      {"GET", "/metrics", 200, "text/plain; version=0.0.4; charset=utf-8"}, {"GET", "/api/series", 400, json},
+      {"GET", "/api/points?agent=web-01&stat_key=load&object=x", 400, json}, {"GET", "/api/lines?limit=0", 400, json},
+      {"GET", "/../etc/passwd", 404, text},              {"POST", "/metrics", 405, text},
+      {"DELETE", "/api/agents", 405, text}};
+  for (const auto& [method, target, status, type] : cases) {
+    const auto answer = Http(method, target);
+    EXPECT_EQ(std::get<0>(answer), status) << method << " " << target;
+    EXPECT_EQ(std::get<1>(answer), type) << method << " " << target;
+  }
+
+  EXPECT_EQ(Http("HEAD", "/api/agents"), std::make_tuple(200, json, std::string()));
+  const nlohmann::json agents = Json("/api/agents")["agents"];
+  ASSERT_EQ(agents.size(), 1u) << agents;
+  EXPECT_EQ(agents[0]["address"], "10.1.2.3");
+  EXPECT_EQ(agents[0]["version"], "2.1.0");
+  EXPECT_EQ(agents[0]["job_count"], 7);
+  EXPECT_NEAR(agents[0]["heartbeat_age"].get<double>(), 100, 10);
+  const nlohmann::json series = Json("/api/series?agent=web-01")["series"];
+  ASSERT_EQ(series.size(), 2u) << series;
+  EXPECT_EQ(series[0]["value"], 12.3);
+  EXPECT_EQ(series[1]["value"], -0.5);
+  const nlohmann::json points = Json("/api/points?agent=web-01&object=4&stat_key=load&stat_item=41")["points"];
+  EXPECT_EQ(points.size() == 2 ? nlohmann::json({points[0][1], points[1][1]}) : points, nlohmann::json({11.7, 12.3}));
+  EXPECT_EQ(Json("/api/texts?agent=web-01")["samples"][0]["text"], "sshd:-1");
+  EXPECT_EQ(Json("/api/lines?after=0")["lines"][0]["line"], "tail line");
+  EXPECT_TRUE(Json("/api/lines?after=1")["lines"].empty());
+
+  const std::string metrics = std::get<2>(Http("GET", "/metrics"));
+  EXPECT_NE(metrics.find("ovita2_sample_value{agent=\"web-01\",object=\"4\",stat_key=\"load\",stat_item=\"41\"} 12.3"),
+            std::string::npos) << metrics;
+  EXPECT_NE(metrics.find(",stat_item=\"42\"} -0.5\n"), std::string::npos) << metrics;
+  EXPECT_NE(metrics.find("{agent=\"we\\\"b\\\\\\n1\","), std::string::npos) << metrics;
+  if (system("command -v promtool >/dev/null") != 0) GTEST_SKIP() << "promtool (Debian: prometheus) is not installed";
+  const std::string check = "promtool check metrics < " + dir.Write("metrics.txt", metrics) + " 2>&1";
+  FILE* out = popen(check.c_str(), "r");
+  std::string said(4096, '\0');
+  said.resize(fread(&said[0], 1, said.size(), out));
+  EXPECT_EQ(pclose(out), 0) << said;
+  EXPECT_EQ(said, "") << "promtool has no lint remark either";
+}
+
+// A zelvar-host process serving the control plane from `dir` (its output in host.out).
+ovita2::testing::ChildProcess StartControlPlane(const ovita2::testing::TempDir& dir, int port,
+                                                const std::string& settings) {
+  return ovita2::testing::ChildProcess("cd " + dir.Path() + " && exec " ZELVAR_HOST_PATH " -c " +
+                                       dir.Write("cp.ini", ControlPlaneConfig(port, settings)) + " >host.out 2>&1");
+}
+
 // The agent's clock is skipped forward, so its 150 s job schedule passes at once.
 TEST(AgentAgainstControlPlane, WhatTheAgentMeasuresIsReadBackThroughTheClient) {
   ovita2::testing::TempDir dir;
@@ -100,8 +201,7 @@ TEST(AgentAgainstControlPlane, WhatTheAgentMeasuresIsReadBackThroughTheClient) {
   dir.Write("jobs.yaml",
             Jobs("e2e", "echo 12.37", "          - {job_id: 2, interval: 10, command: 'echo hello', stat_key: k2, "
                                       "string_value: 1}\n"));
-  ovita2::testing::ChildProcess controlPlane("cd " + dir.Path() + " && exec " ZELVAR_HOST_PATH " -c " +
-                                             dir.Write("cp.ini", ControlPlaneConfig(cpPort, "")) + " >host.out 2>&1");
+  auto controlPlane = StartControlPlane(dir, cpPort, "");
   auto cpLog = [&] { return ReadFile(dir.Path() + "/host.log"); };
   ASSERT_TRUE(ovita2::testing::Eventually([&] { return cpLog().find("serving as cp-1") != std::string::npos; }, 20))
       << cpLog() << ReadFile(dir.Path() + "/host.out");
@@ -142,6 +242,37 @@ TEST(AgentAgainstControlPlane, WhatTheAgentMeasuresIsReadBackThroughTheClient) {
   agent.Shutdown();
   kill(controlPlane.Pid(), SIGTERM);
   EXPECT_EQ(controlPlane.Wait(), 0) << "the control plane stops cleanly on SIGTERM\n" << cpLog();
+}
+
+// What a headless Chromium run of `flags` on `url` prints on stdout.
+std::string Chromium(const std::string& profile, const std::string& flags, const std::string& url) {
+  const std::string command = "chromium --headless --no-sandbox --disable-gpu --user-data-dir=" + profile +
+                              " --virtual-time-budget=8000 " + flags + " " + url + " 2>/dev/null";
+  FILE* out = popen(command.c_str(), "r");
+  std::string printed;
+  for (char chunk[4096]; size_t got = fread(chunk, 1, sizeof chunk, out);) printed.append(chunk, got);
+  pclose(out);
+  return printed;
+}
+
+TEST(WebPageInChromium, ListsAgentsChartsTheFirstSeriesAndShowsTheLiveLists) {
+  if (system("command -v chromium >/dev/null") != 0) GTEST_SKIP() << "chromium is not installed";
+  ovita2::testing::TempDir dir;
+  SeedWebData(dir.Path() + "/cp.db");
+  dir.Write("jobs.yaml", Jobs("web-01", "echo 1"));
+  const int httpPort = ovita2::testing::FreeLoopbackPort();
+  auto controlPlane = StartControlPlane(dir, ovita2::testing::FreeLoopbackPort(),
+                                        "http = 127.0.0.1:" + std::to_string(httpPort));
+  const std::string url = "http://127.0.0.1:" + std::to_string(httpPort) + "/";
+  ovita2::testing::Eventually([&] { return ReadFile(dir.Path() + "/host.log").find(url) != std::string::npos; }, 20);
+  const std::string dom = Chromium(dir.Path() + "/profile", "--dump-dom", url);
+  for (const char* shown : {"<tr data-agent=\"web-01\"", "data-points=\"2\"", "load (job 0): sshd:-1", "tail line",
+                            "<td>2.1.0</td><td class=\"num\">7</td>", "<td class=\"num\">12.3</td>"}) {
+    EXPECT_NE(dom.find(shown), std::string::npos) << shown << " is not on the page:\n" << dom;
+  }
+  std::remove(WEB_SCREENSHOT_PATH);
+  Chromium(dir.Path() + "/profile", "--window-size=1280,900 --screenshot=" WEB_SCREENSHOT_PATH, url);
+  EXPECT_GT(ReadFile(WEB_SCREENSHOT_PATH).size(), 10000u) << "a screenshot of the page at " WEB_SCREENSHOT_PATH;
 }
 
 }  // namespace

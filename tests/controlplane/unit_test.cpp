@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
+#include <sqlite3.h>
 #include <sys/socket.h>
 #include <time.h>
 #include <unistd.h>
@@ -30,6 +31,42 @@ using ovita2::testing::TempDir;
 std::string WithJob(const std::string& fields) {
   return "agents:\n  web-01:\n    objects:\n      - object_id: 1\n        jobs:\n          - " +
          std::regex_replace(fields, std::regex("\n"), "\n            ") + "\n";
+}
+
+// The latest value of every series, as "agent/stat_item=tenths@received_at ".
+std::string LatestOf(const SampleStore& store) {
+  std::string error, values;
+  for (const LatestValueRow& row : store.LatestValues("", &error)) {
+    values += row.agent + "/" + std::to_string(row.stat_item) + "=" + std::to_string(row.value) + "@" +
+              std::to_string(row.received_at) + " ";
+  }
+  return values + error;
+}
+
+TEST(SampleStore, LatestValuesFollowInsertsAreRebuiltInAnOlderDatabaseAndLeaveWithPrunedSamples) {
+  TempDir dir;
+  const std::string path = dir.Path() + "/cp.db";
+  std::string error;
+  SampleRow first{0, 100, "web-01", false, "load", 1, 7, 0, 10, "", 0}, later = first, other = first, text = first;
+  later.received_at = 200;
+  later.value = 20;
+  other.stat_item = 8;
+  text.text = true;
+  {
+    SampleStore store;
+    ASSERT_TRUE(store.Open(path, &error) && store.AddSamples({first, later, other, text}, &error)) << error;
+    EXPECT_EQ(LatestOf(store), "web-01/7=20@200 web-01/8=10@100 ");
+  }
+  sqlite3* older = nullptr;  // as written before the latest values were kept
+  ASSERT_EQ(sqlite3_open(path.c_str(), &older), SQLITE_OK);
+  EXPECT_EQ(sqlite3_exec(older, "DROP TRIGGER samples_keep_latest; DROP TABLE latest_samples;"
+                         "DROP INDEX samples_by_series", nullptr, nullptr, nullptr), SQLITE_OK);
+  sqlite3_close(older);
+  SampleStore store;
+  ASSERT_TRUE(store.Open(path, &error)) << error;
+  EXPECT_EQ(LatestOf(store), "web-01/7=20@200 web-01/8=10@100 ");
+  ASSERT_TRUE(store.Prune(150, &error)) << error;
+  EXPECT_EQ(LatestOf(store), "web-01/7=20@200 ");
 }
 
 TEST(JobCatalogue, UnlistedAgentsGetTheAnyEntryAFailedLoadKeepsTheLastAndEachMistakeIsReportedWithItsPlace) {
