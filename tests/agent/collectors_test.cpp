@@ -5,8 +5,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <thread>
 #include <tuple>
 
 #include "agent_test.h"
@@ -27,9 +25,7 @@ struct ScriptProcess {
     pid = fork();
     if (pid == 0) setpgid(0, 0), execl("/bin/sh", "sh", path.c_str(), static_cast<char*>(nullptr)), _exit(127);
     std::string cmdline = "/proc/" + std::to_string(pid) + "/cmdline";
-    for (int wait = 0; wait < 200 && ReadFile(cmdline).find(name) == std::string::npos; ++wait) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
+    Eventually([&] { return ReadFile(cmdline).find(name) != std::string::npos; }, 2);
   }
   ~ScriptProcess() { kill(-pid, SIGKILL), waitpid(pid, nullptr, 0); }
   pid_t pid;

@@ -162,14 +162,12 @@ TEST_F(Jobs, ConfiguredCollectorsReportWhatTheyFindAsTextSamplesOfTheAgentAtMost
   confs->UpdateJobConfs(1, Confs(1, {"no-such-process-anywhere", "agent_unit_test"}));  // parameter 1: case-sensitive
   confs->UpdateJobConfs(3, Confs(3, {"unknown-kind"}));
   confs->GetJobConfs()[1]["never-configured"] = 0;
-  auto runAt = [&](int64_t seconds) {
-    host_.AdvanceClock(seconds);
-    host_.Start(new ExecuteJobsOfConfMachine());
-  };
+  auto runAt = [&](int64_t seconds) { host_.AdvanceClock(seconds), host_.Start(new ExecuteJobsOfConfMachine()); };
   runAt(0);
   ASSERT_EQ(g_vecStringUpper.size(), 1u) << "a process that runs is not reported";
   const string_stats_info_st& sample = g_vecStringUpper[0];
-  EXPECT_EQ(sample.name + "/" + std::to_string(sample.job_id) + "/" + sample.value, "agent-7/1/no-such-process-anywhere:-1");
+  EXPECT_EQ(sample.name + "/" + std::to_string(sample.job_id) + "/" + sample.value,
+            "agent-7/1/no-such-process-anywhere:-1");
   EXPECT_EQ(sample.time, static_cast<uint64_t>(ovita2::HostNow()));
   EXPECT_TRUE(host_.Logged("|product is NULL,type:3"));
   EXPECT_TRUE(host_.Logged("|product operation value: |type: 1;"));

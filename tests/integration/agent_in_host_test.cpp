@@ -225,9 +225,8 @@ TEST_F(AgentInHost, AnItemEnabledOnTheListeningPortHasTheCompleteLinesOfItsScrip
   ASSERT_TRUE(agent.StartMachine(9000014));  // RealTimeCollectMachine, without waiting out its 10 s
   ASSERT_TRUE(Until([&] { return services.received.count(ov::SEND_REAL_TIME_BUFF_REQUEST) >= 3; })) << agent.LogText();
   std::string lines;
-  for (auto [it, end] = services.received.equal_range(ov::SEND_REAL_TIME_BUFF_REQUEST); it != end; ++it) {
+  for (auto [it, end] = services.received.equal_range(ov::SEND_REAL_TIME_BUFF_REQUEST); it != end; ++it)
     lines += it->second.body().GetExtension(ov::send_real_time_buff_request).line() + "|";
-  }
   EXPECT_EQ(lines, "one||two|");
 }
 
