@@ -46,7 +46,7 @@ TEST_F(Framework, SendsReachTheRightMachineOrGoBackOverTheConnection) {
   host_.RunPending();
 }
 
-TEST_F(Framework, LinesFromTheHostsThresholdUpAndSqlRequestsCarryTheWholeTextAndTheFlagTurnedRound) {
+TEST_F(Framework, LinesFromTheHostsThresholdUpAndSqlAndBlobRequestsCarryTheWholeTextAndTheFlagTurnedRound) {
   EchoMachine machine;
   host_.SetLogLevel(2);
   HostLog(1, "hidden %d", 1);
@@ -66,6 +66,10 @@ TEST_F(Framework, LinesFromTheHostsThresholdUpAndSqlRequestsCarryTheWholeTextAnd
     EXPECT_EQ(request.db() + std::to_string(request.flag()) + request.sql(),
               "stats" + std::to_string(std::get<1>(expected)) + std::get<2>(expected));
   }
+  machine.ReplaceBlob("10.2.0.1", 9500, "cfg", std::string("\0b", 2), "k=%d", 3);
+  ASSERT_TRUE(host_.Peer("10.2.0.1", 9500).ReadFrame(&sent));
+  const auto& blob = sent.body().GetExtension(zelvar::dorvan::replace_blob_request);
+  EXPECT_EQ(blob.name() + "|" + blob.text() + "|" + blob.blob(), std::string("cfg|k=3|\0b", 10));
 }
 
 }  // namespace
