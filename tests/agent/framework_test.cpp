@@ -57,9 +57,12 @@ TEST_F(Framework, LinesFromTheHostsThresholdUpAndSqlAndBlobRequestsCarryTheWhole
   unsigned first = machine.SendSql("10.2.0.1", 9500, "stats", 1, "select '%s' -- %d", longText.c_str(), 7);
   unsigned second = machine.SendSql("10.2.0.1", 9500, "stats", 0, "%s", "short");
   EXPECT_EQ(second, first + 1);
+  const std::string fullBuffer(machine.FormatCapacity(), 'f');  // no room left for the terminator
+  machine.SendSql("10.2.0.1", 9500, "stats", 0, "%s", fullBuffer.c_str());
   zelvar::ZMessage sent;
   const std::string longSql = "select '" + longText + "' -- 7";
-  for (auto expected : {std::make_tuple(first, 0u, longSql), std::make_tuple(second, 1u, std::string("short"))}) {
+  for (auto expected : {std::make_tuple(first, 0u, longSql), std::make_tuple(second, 1u, std::string("short")),
+                        std::make_tuple(second + 1, 1u, fullBuffer)}) {
     ASSERT_TRUE(host_.Peer("10.2.0.1", 9500).ReadFrame(&sent));
     EXPECT_EQ(sent.head().flow_no(), std::get<0>(expected));
     const auto& request = sent.body().GetExtension(zelvar::dorvan::execute_sql_request);

@@ -349,6 +349,7 @@ TEST_F(ClientTest, ReadingCommandsPrintWhatWasStoredExitWithTheirStatusAndFollow
       {{"agents", "--json", "--db", "/nonexistent/cp.db"}, 2, "", "/nonexistent/cp.db: no such database (the control"},
       {{"samples", "--object", "4294967296"}, kUsage, "", "--object: '4294967296' is larger than 4294967295"},
       {{"enable", "[::1]7300", "7"}, kUsage, "", "ADDRESS: "},
+      {{"disable", "127.0.0.1:7x", "7"}, kUsage, "", "ADDRESS: '7x' in '127.0.0.1:7x' is not a port"},
   };
   for (const Case& c : cases) {
     std::ostringstream out, err;
