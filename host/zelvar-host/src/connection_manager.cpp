@@ -9,6 +9,7 @@
 #include <malloc.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -254,7 +255,7 @@ void ConnectionManager::OnRead(bufferevent*, void* arg) {
   connection->owner->ReadInput(connection);
 }
 
-void ConnectionManager::OnEvent(bufferevent*, short what, void* arg) {
+void ConnectionManager::OnEvent(bufferevent* bev, short what, void* arg) {
   auto* connection = static_cast<Connection*>(arg);
   ConnectionManager* self = connection->owner;
   if (what & BEV_EVENT_CONNECTED) {
@@ -263,6 +264,13 @@ void ConnectionManager::OnEvent(bufferevent*, short what, void* arg) {
     return;
   }
   if (what & BEV_EVENT_TIMEOUT) {
+    // Bytes waiting in the socket mean the loop was late, not the peer: they
+    // are read now and the wait starts again.
+    int waiting = 0;
+    if (ioctl(bufferevent_getfd(bev), FIONREAD, &waiting) == 0 && waiting > 0) {
+      bufferevent_enable(bev, EV_READ);
+      return;
+    }
     self->CloseFlushing(connection, Logger::kError,
                         zelvar::FormatString(connection->buffered > 0 ? "no byte in %u s while part of a message is held"
                                                                : "no complete message in %u s after it was accepted",
