@@ -73,7 +73,7 @@ TEST(HostLog, WritesLinesAtItsThresholdToItsFileAndFallsBackToStandardErrorWhenC
   log.Log(zelvar_host::Logger::kError, "shown %d", 2);
   log.Close();
   EXPECT_TRUE(std::regex_match(ReadFile(dir.Path() + "/h.log"),
-                               std::regex(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} ERROR shown 2\n)")));
+                               std::regex(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}[+-]\d\d:\d\d ERROR shown 2\n)")));
   EXPECT_EQ(log.Fd(), 2) << "a closed log must not write into whatever file takes its descriptor next";
 }
 
@@ -318,7 +318,7 @@ TEST(HostBinary, StartUpErrorsFailTheExitOnOneLineAndARunningHostReopensItsLogOn
       {dir.Write("lib.ini", "[plugins]\nagent = no.so"), "cannot load plug-in \"agent\": " + dir.Path() + "/no.so:"},
       {dir.Write("busy.ini", busy), "cannot listen on 127.0.0.1:" + std::to_string(taken) + ": Address already in use"},
       {dir.Write("init.ini", "[host]\nlog_file = h\n[plugins]\np = " PROBE_PLUGIN_PATH "\n[probe]\ninit_result = 5"),
-       "plug-in \"p\" failed to start: OnInit returned 5"},
+       "plug-in \"p\" failed to start: OnInit returned 5: probe: told to fail\n"},
       {"/tmp", "configuration file /tmp is not a regular file"},
       {"/dev/zero", "configuration file /dev/zero is not a regular file"},
       {dir.Write("big.ini", std::string(1 << 20, '#') + "\n"), "configuration file " + dir.Path() + "/big.ini is"},
@@ -346,7 +346,7 @@ TEST(HostBinary, StartUpErrorsFailTheExitOnOneLineAndARunningHostReopensItsLogOn
   kill(host.Pid(), SIGTERM);
   EXPECT_EQ(host.Wait(), 0);
   EXPECT_EQ(ReadFile(err), "");
-  std::regex stop(".{23} INFO log file reopened\n[^]*signal 15 \\(SIGTERM\\)\n[^]*probe unloaded\n[^]*host stopped\n");
+  std::regex stop(".{29} INFO log file reopened\n[^]*signal 15 \\(SIGTERM\\)\n[^]*probe unloaded\n[^]*host stopped\n");
   EXPECT_TRUE(std::regex_match(ReadFile(log), stop)) << ReadFile(log);
 }
 
