@@ -369,6 +369,36 @@ TEST(HostBinary, OutOfDescriptorsTheListenerPausesSaysSoOnceAndServesAgainOnceSo
   EXPECT_TRUE(Eventually([&] { return ReadFile(log).find("accepting connections again") != std::string::npos; }));
 }
 
+TEST(HostBinary, CheckConfigNamesWhatNothingReadsWithTheNearestKnownNameAndStartsNothing) {
+  TempDir dir;
+  int taken = 0, listener = ListenLoopback(&taken);  // a check that opened the port would fail on it
+  const std::string agent = "[plugins]\nagent = " PLUGIN_LIB_DIR "libovita2_agent.so\n",
+                    named = "[common]\nagentname = a\nmyname = /m\n", busy = std::to_string(taken);
+  auto example = [](const char* name) {  // its libraries are in the build's folder here
+    return std::regex_replace(ReadFile(HOST_EXAMPLES_DIR + std::string(name)), std::regex("\\.\\./lib/"),
+                              PLUGIN_LIB_DIR);
+  };
+  const std::pair<std::string, std::string> cases[] = {  // file, the lines after "PATH: "
+      {agent + named + "[hsot]\nlog_level = 3\n",
+       "[hsot] is not a section any component reads (did you mean [host]?)|1 problem(s)"},
+      {agent + "[common]\nagentnme = a\nmyname = /m\n", "[common] has no agentname, which plug-in \"agent\" needs|"
+       "[common] agentnme is not read by any plug-in (did you mean agentname?)|2 problem(s)"},
+      {agent + named + "[names]\nANY = /x\n[network]\nlisten-port = " + busy + "\nrate = 3\n",
+       "[network] rate is not read by the host or any plug-in|1 problem(s)"},
+      {agent + "p = " PROBE_PLUGIN_PATH "\n" + named + "[probe]\ninit_result = 5\n",
+       "note: [probe] unknown, not checked: plug-in \"p\" does not declare its keys|OK"},
+      {example("agent-embedded.ini"), "OK"},
+      {example("agent-zookeeper.ini"), "OK"},
+  };
+  for (const auto& c : cases) {
+    const std::string path = dir.Write("c.ini", c.first), out = dir.Path() + "/out";
+    EXPECT_EQ(StartHost("--check-config " + path + " >" + out, dir.Path() + "/err").Wait(), c.second == "OK" ||
+              c.second.rfind("note", 0) == 0 ? 0 : 1);
+    EXPECT_EQ(ReadFile(out), path + ": " + std::regex_replace(c.second, std::regex("\\|"), "\n" + path + ": ") + "\n");
+  }
+  close(listener);
+}
+
 TEST(HostBinary, AHostKilledOutrightTakesItsRunningCommandWithIt) {
   TempDir dir;
   std::string config = "[plugins]\np = " PROBE_PLUGIN_PATH "\n[probe]\ncommand = exec sleep 77.76";
