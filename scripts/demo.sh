@@ -116,7 +116,7 @@ trap stop INT TERM
 narrate() {
   tail -n +1 -F --pid=$$ "$run_dir/controlplane.log" "$run_dir/agent.log" 2>/dev/null | awk '
     function show(text) { if (!(text in seen)) { seen[text] = 1; print time "  " text; fflush() } }
-    { time = substr($2, 1, 8) }     # the time the log line carries
+    { time = substr($1, 12, 8) }    # the time the log line carries (after the T)
     /controlplane: serving as/      { sub(/.*controlplane: /, ""); show("control plane: " $0) }
     /controlplane: registered/      { sub(/.*controlplane: /, ""); show("control plane: " $0 " in its registry") }
     /Registe myself node:/          { sub(/.*node: /, ""); show("agent: registering itself as " $0) }

@@ -38,6 +38,18 @@ struct InstallInitHook {
 
 }  // namespace
 
+const zelvar::ConfigKeyDeclaration* OnDescribeConfig() {
+  // Without agentname or myname the agent starts, but its first fetch of jobs
+  // fails minutes later; the check says it at once.
+  static const zelvar::ConfigKeyDeclaration kKeys[] = {
+      {"common", "highprecision_frequency", false}, {"common", "agentname", true},
+      {"common", "myname", true},                   {"network", "listen-ip", false},
+      {"network", "listen-port", false},            {"names", nullptr, false},
+      {nullptr, nullptr, false},
+  };
+  return kKeys;
+}
+
 int OnMyInit(void*) {
   g_need_updatejobs = true;
   g_highprecision_frequency = ReadHighPrecisionFrequency();

@@ -13,6 +13,9 @@ extern "C" {
 // Reads the configuration, defines the service names, asks for OnRoutine once
 // a second and marks the job list as needing a fetch. Returns 0.
 OVITA2_EXPORT int OnMyInit(void* hostContext);
+// Every configuration key the agent reads, wherever in the agent it is read,
+// for `zelvar-host --check-config`; agentname and myname are required.
+OVITA2_EXPORT const zelvar::ConfigKeyDeclaration* OnDescribeConfig();
 }
 
 // Seconds between two runs of the high-precision jobs ("common" /

@@ -38,6 +38,10 @@ __attribute__((visibility("default"))) void OnPeekInterface(zelvar::HostFunction
   controlplane::KeepHostTable(table);
 }
 
+__attribute__((visibility("default"))) const zelvar::ConfigKeyDeclaration* OnDescribeConfig() {
+  return controlplane::kPluginConfigKeys;
+}
+
 __attribute__((visibility("default"))) int OnInit(void* hostContext) {
   const char* configPath = static_cast<const char*>(hostContext);
   return ControlPlanePlugin::Start(configPath != nullptr ? configPath : "");

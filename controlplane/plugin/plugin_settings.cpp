@@ -14,6 +14,19 @@ constexpr const char* kDefaultAccessPath = "/ovita2/names/TELLAR2_ACCESS";
 // Where Debian's libjs-chart.js puts its single-file build.
 constexpr const char* kDefaultChartJs = "/usr/share/javascript/chart.js/chart.min.js";
 
+}  // namespace
+
+// The control plane does not start without a jobs file, a database and a port.
+const zelvar::ConfigKeyDeclaration kPluginConfigKeys[] = {
+    {kSection, "name", false},       {kSection, "advertise_ip", false}, {kSection, "jobs_file", true},
+    {kSection, "database", true},   {kSection, "keep_days", false},    {kSection, "master_path", false},
+    {kSection, "access_path", false}, {kSection, "http", false},        {kSection, "web_root", false},
+    {kSection, "chart_js", false},   {"network", "listen-ip", false},   {"network", "listen-port", true},
+    {nullptr, nullptr, false},
+};
+
+namespace {
+
 std::string ResolveAgainst(const std::string& configPath, const std::string& path) {
   if (path.empty() || path[0] == '/') return path;
   std::string::size_type slash = configPath.rfind('/');

@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "services/control_plane_services.h"
+#include "zelvar/host_interface.h"
 
 namespace controlplane {
 
@@ -43,6 +44,9 @@ using ConfigReader = std::function<std::string(const char* section, const char* 
 
 // Reads and checks the settings; `configPath` anchors relative paths. False
 // with one line naming the key at fault.
+// Every key ReadPluginSettings reads, for the host's configuration check.
+extern const zelvar::ConfigKeyDeclaration kPluginConfigKeys[];
+
 bool ReadPluginSettings(const ConfigReader& read, const std::string& configPath, PluginSettings* out,
                         std::string* error);
 

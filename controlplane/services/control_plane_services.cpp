@@ -59,12 +59,14 @@ bool ControlPlaneServices::Handle(const zelvar::ZMessage& request, PeerIdentity*
     case ov::GET_CONF_REQUEST:
       AnswerConfs(request, peer, now, body);
       break;
+    // Samples are not answered: the agent sends them without waiting, and an
+    // answer would find no machine there and make the agent drop the connection.
     case ov::RECORD_STATS_REQUEST:
-      StoreStats(request, peer, now, body);
-      break;
+      StoreStats(request, peer, now);
+      return false;
     case ov::RECORD_STRING_STATS_REQUEST:
-      StoreStringStats(request, peer, now, body);
-      break;
+      StoreStringStats(request, peer, now);
+      return false;
     case ov::AGENT_HEART_BEAT_REQUEST:
       StoreHeartbeat(request, peer, now);
       return false;
@@ -155,14 +157,12 @@ void ControlPlaneServices::AnswerConfs(const zelvar::ZMessage& request, PeerIden
              " configurations of collector type " + std::to_string(asked.conf_type()));
 }
 
-void ControlPlaneServices::StoreStats(const zelvar::ZMessage& request, PeerIdentity* peer, int64_t now,
-                                      zelvar::Body* reply) {
-  auto* answer = reply->MutableExtension(tl::record_stats_response);
+void ControlPlaneServices::StoreStats(const zelvar::ZMessage& request, PeerIdentity* peer, int64_t now) {
+  const std::string agent = AgentLabel(*peer);
   if (!CarriesBody(request, tl::record_stats_request)) {
-    FailMissingBody(request, "record_stats_request", answer->mutable_rc());
+    Log(4, "dropped numeric samples without record_stats_request from " + agent);
     return;
   }
-  const std::string agent = AgentLabel(*peer);
   std::vector<SampleRow> rows;
   for (const tl::StatsData& stats : request.body().GetExtension(tl::record_stats_request).stats()) {
     SampleRow row;
@@ -174,17 +174,15 @@ void ControlPlaneServices::StoreStats(const zelvar::ZMessage& request, PeerIdent
     row.value = stats.value();
     rows.push_back(std::move(row));
   }
-  StoreAndAnswer(rows, agent, "numeric samples", answer->mutable_rc());
+  StoreRows(rows, agent, "numeric samples");
 }
 
-void ControlPlaneServices::StoreStringStats(const zelvar::ZMessage& request, PeerIdentity* peer, int64_t now,
-                                            zelvar::Body* reply) {
-  auto* answer = reply->MutableExtension(tl::record_string_stats_response);
+void ControlPlaneServices::StoreStringStats(const zelvar::ZMessage& request, PeerIdentity* peer, int64_t now) {
+  const std::string agent = AgentLabel(*peer);
   if (!CarriesBody(request, tl::record_string_stats_request)) {
-    FailMissingBody(request, "record_string_stats_request", answer->mutable_rc());
+    Log(4, "dropped text samples without record_string_stats_request from " + agent);
     return;
   }
-  const std::string agent = AgentLabel(*peer);
   std::string unused;
   const AgentCatalogue* jobs = FindAgent(agent, &unused);
   std::vector<SampleRow> rows;
@@ -201,20 +199,17 @@ void ControlPlaneServices::StoreStringStats(const zelvar::ZMessage& request, Pee
     row.sample_time = stats.time();
     rows.push_back(std::move(row));
   }
-  StoreAndAnswer(rows, agent, "text samples", answer->mutable_rc());
+  StoreRows(rows, agent, "text samples");
 }
 
-void ControlPlaneServices::StoreAndAnswer(const std::vector<SampleRow>& rows, const std::string& agent,
-                                          const char* what, zelvar::ResponseCode* rc) {
+void ControlPlaneServices::StoreRows(const std::vector<SampleRow>& rows, const std::string& agent,
+                                     const char* what) {
   std::string error;
   if (!m_pStore->AddSamples(rows, &error)) {
-    rc->set_code(kCodeStoreFailed);
-    rc->set_msg(error);
     ++m_sCounters.store_errors;
     Log(4, std::to_string(rows.size()) + " " + what + " of " + agent + " lost: " + error);
     return;
   }
-  Succeed(rc);
   m_sCounters.samples_stored += rows.size();
   Log(2, "stored " + std::to_string(rows.size()) + " " + what + " of " + agent);
 }

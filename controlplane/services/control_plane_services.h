@@ -3,7 +3,7 @@
 // queue (68000 jobs, 68010 collector configurations, 66015 heartbeats), the
 // statistics access service (66000, which aggregation endpoint to use; 66014
 // real-time lines) and the aggregation service (61030 numeric and 61032 text
-// samples). It knows nothing of sockets or of the host: it turns one request
+// samples, stored and never answered). It knows nothing of sockets or of the host: it turns one request
 // into at most one reply and into rows of the store.
 //
 // Who sent a sample: samples carry no agent name, and an agent may reconnect
@@ -47,7 +47,6 @@ struct PeerIdentity {
 enum ReplyCode : int32_t {
   kCodeMissingBody = -70001,   // the request lacks the extension of its type
   kCodeUnknownAgent = -70002,  // the jobs file has no entry for the agent
-  kCodeStoreFailed = -70003,   // the samples could not be written
 };
 
 using ServiceLog = std::function<void(int level, const std::string& line)>;
@@ -73,7 +72,8 @@ class ControlPlaneServices {
 
   // Handles one request from the agent `peer` at time `now`. Returns true with
   // `*reply` filled (head included) when the request is answered; requests of
-  // the no-reply kinds (66014, 66015) and of unknown types return false.
+  // the no-reply kinds (61030, 61032, 66014, 66015) and of unknown types
+  // return false.
   bool Handle(const zelvar::ZMessage& request, PeerIdentity* peer, int64_t now, zelvar::ZMessage* reply);
 
   // The name samples from `peer` are stored under.
@@ -86,11 +86,10 @@ class ControlPlaneServices {
                               const char* requestName);
   void AnswerJobs(const zelvar::ZMessage& request, PeerIdentity* peer, int64_t now, zelvar::Body* reply);
   void AnswerConfs(const zelvar::ZMessage& request, PeerIdentity* peer, int64_t now, zelvar::Body* reply);
-  void StoreStats(const zelvar::ZMessage& request, PeerIdentity* peer, int64_t now, zelvar::Body* reply);
-  void StoreStringStats(const zelvar::ZMessage& request, PeerIdentity* peer, int64_t now, zelvar::Body* reply);
-  // Stores one request's samples in one transaction and sets the reply's result.
-  void StoreAndAnswer(const std::vector<SampleRow>& rows, const std::string& agent, const char* what,
-                      zelvar::ResponseCode* rc);
+  void StoreStats(const zelvar::ZMessage& request, PeerIdentity* peer, int64_t now);
+  void StoreStringStats(const zelvar::ZMessage& request, PeerIdentity* peer, int64_t now);
+  // Stores one request's samples in one transaction; a failure is only logged.
+  void StoreRows(const std::vector<SampleRow>& rows, const std::string& agent, const char* what);
   void StoreHeartbeat(const zelvar::ZMessage& request, PeerIdentity* peer, int64_t now);
   void StoreRealTimeLine(const zelvar::ZMessage& request, PeerIdentity* peer, int64_t now);
 

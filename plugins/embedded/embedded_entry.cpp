@@ -43,6 +43,8 @@ OVITA2_PLUGIN_EXPORT int OnInit(void*) {
 
 OVITA2_PLUGIN_EXPORT void* OnGetPluginHandle() { return &g_handle; }
 
+OVITA2_PLUGIN_EXPORT const zelvar::ConfigKeyDeclaration* OnDescribeConfig() { return EmbeddedRegistry::kConfigKeys; }
+
 OVITA2_PLUGIN_EXPORT int OnIsReady() { return 1; }
 
 OVITA2_PLUGIN_EXPORT void OnUnload() { g_registry.reset(); }

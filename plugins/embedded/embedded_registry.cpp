@@ -40,6 +40,9 @@ bool EmbeddedRegistry::EncodeAddress(const std::string& address, std::string* en
   return content.SerializeToString(encoded);
 }
 
+const zelvar::ConfigKeyDeclaration EmbeddedRegistry::kConfigKeys[] = {{kSection, nullptr, false},
+                                                                      {nullptr, nullptr, false}};
+
 int EmbeddedRegistry::LoadConfiguration() {
   int loaded = 0;
   for (const std::string& path : m_pHost->ListConfigKeys(kSection, ".*")) {

@@ -26,6 +26,8 @@ namespace zelvar::registry {
 class EmbeddedRegistry {
  public:
   static constexpr const char* kSection = "embedded_registry";
+  // Every key of the section is a node path, for the host's configuration check.
+  static const zelvar::ConfigKeyDeclaration kConfigKeys[];
 
   explicit EmbeddedRegistry(const PluginHost* host);
 

@@ -48,6 +48,8 @@ OVITA2_PLUGIN_EXPORT int OnInit(void*) {
 
 OVITA2_PLUGIN_EXPORT void* OnGetPluginHandle() { return &g_handle; }
 
+OVITA2_PLUGIN_EXPORT const zelvar::ConfigKeyDeclaration* OnDescribeConfig() { return ZooKeeperRegistry::kConfigKeys; }
+
 OVITA2_PLUGIN_EXPORT int OnIsReady() { return g_registry && g_registry->IsConnected() ? 1 : 0; }
 
 OVITA2_PLUGIN_EXPORT void OnUnload() { g_registry.reset(); }

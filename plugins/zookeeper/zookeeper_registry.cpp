@@ -34,6 +34,9 @@ ZooKeeperRegistry::~ZooKeeperRegistry() {
   if (g_pClientLogHost == m_pHost) g_pClientLogHost = nullptr;
 }
 
+const zelvar::ConfigKeyDeclaration ZooKeeperRegistry::kConfigKeys[] = {
+    {kSection, "hosts", true}, {kSection, "session_timeout_ms", false}, {nullptr, nullptr, false}};
+
 int ZooKeeperRegistry::Open() {
   m_strHosts = m_pHost->GetConfigString(kSection, "hosts", "");
   if (m_strHosts.empty()) {

@@ -43,6 +43,8 @@ namespace zelvar::registry {
 class ZooKeeperRegistry {
  public:
   static constexpr const char* kSection = "zookeeper";
+  // The keys Open() reads, for the host's configuration check; hosts is required.
+  static const zelvar::ConfigKeyDeclaration kConfigKeys[];
   static constexpr int kDefaultSessionTimeoutMs = 10000;
 
   explicit ZooKeeperRegistry(const PluginHost* host);

@@ -1,11 +1,11 @@
 #!/usr/bin/env bash
-# The loadable agent exports its seven entry points and nothing else, and
+# The loadable agent exports its eight entry points and nothing else, and
 # every symbol it needs resolves in the libraries it links (libmessage,
 # protobuf, libevent, the C and C++ runtimes).
 set -euo pipefail
 library=$1
 
-expected="OnConnect OnDataIn OnDisconnect OnInit OnMyInit OnPeekInterface OnRoutine"
+expected="OnConnect OnDataIn OnDescribeConfig OnDisconnect OnInit OnMyInit OnPeekInterface OnRoutine"
 exported=$(nm -D --defined-only "$library" | awk '$2 ~ /^[TDBVWRiu]$/ {print $3}' | sed 's/@.*//' | sort | xargs)
 if [[ "$exported" != "$expected" ]]; then
   echo "exported symbols differ"

@@ -73,7 +73,7 @@ TEST(HostLog, WritesLinesAtItsThresholdToItsFileAndFallsBackToStandardErrorWhenC
   log.Log(zelvar_host::Logger::kError, "shown %d", 2);
   log.Close();
   EXPECT_TRUE(std::regex_match(ReadFile(dir.Path() + "/h.log"),
-                               std::regex(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} ERROR shown 2\n)")));
+                               std::regex(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}[+-]\d\d:\d\d ERROR shown 2\n)")));
   EXPECT_EQ(log.Fd(), 2) << "a closed log must not write into whatever file takes its descriptor next";
 }
 
@@ -318,7 +318,7 @@ TEST(HostBinary, StartUpErrorsFailTheExitOnOneLineAndARunningHostReopensItsLogOn
       {dir.Write("lib.ini", "[plugins]\nagent = no.so"), "cannot load plug-in \"agent\": " + dir.Path() + "/no.so:"},
       {dir.Write("busy.ini", busy), "cannot listen on 127.0.0.1:" + std::to_string(taken) + ": Address already in use"},
       {dir.Write("init.ini", "[host]\nlog_file = h\n[plugins]\np = " PROBE_PLUGIN_PATH "\n[probe]\ninit_result = 5"),
-       "plug-in \"p\" failed to start: OnInit returned 5"},
+       "plug-in \"p\" failed to start: OnInit returned 5: probe: told to fail\n"},
       {"/tmp", "configuration file /tmp is not a regular file"},
       {"/dev/zero", "configuration file /dev/zero is not a regular file"},
       {dir.Write("big.ini", std::string(1 << 20, '#') + "\n"), "configuration file " + dir.Path() + "/big.ini is"},
@@ -346,7 +346,7 @@ TEST(HostBinary, StartUpErrorsFailTheExitOnOneLineAndARunningHostReopensItsLogOn
   kill(host.Pid(), SIGTERM);
   EXPECT_EQ(host.Wait(), 0);
   EXPECT_EQ(ReadFile(err), "");
-  std::regex stop(".{23} INFO log file reopened\n[^]*signal 15 \\(SIGTERM\\)\n[^]*probe unloaded\n[^]*host stopped\n");
+  std::regex stop(".{29} INFO log file reopened\n[^]*signal 15 \\(SIGTERM\\)\n[^]*probe unloaded\n[^]*host stopped\n");
   EXPECT_TRUE(std::regex_match(ReadFile(log), stop)) << ReadFile(log);
 }
 
@@ -367,6 +367,36 @@ TEST(HostBinary, OutOfDescriptorsTheListenerPausesSaysSoOnceAndServesAgainOnceSo
   EXPECT_LT(ReadFile(err).size(), 200u);
   for (int fd : clients) close(fd);
   EXPECT_TRUE(Eventually([&] { return ReadFile(log).find("accepting connections again") != std::string::npos; }));
+}
+
+TEST(HostBinary, CheckConfigNamesWhatNothingReadsWithTheNearestKnownNameAndStartsNothing) {
+  TempDir dir;
+  int taken = 0, listener = ListenLoopback(&taken);  // a check that opened the port would fail on it
+  const std::string agent = "[plugins]\nagent = " PLUGIN_LIB_DIR "libovita2_agent.so\n",
+                    named = "[common]\nagentname = a\nmyname = /m\n", busy = std::to_string(taken);
+  auto example = [](const char* name) {  // its libraries are in the build's folder here
+    return std::regex_replace(ReadFile(HOST_EXAMPLES_DIR + std::string(name)), std::regex("\\.\\./lib/"),
+                              PLUGIN_LIB_DIR);
+  };
+  const std::pair<std::string, std::string> cases[] = {  // file, the lines after "PATH: "
+      {agent + named + "[hsot]\nlog_level = 3\n",
+       "[hsot] is not a section any component reads (did you mean [host]?)|1 problem(s)"},
+      {agent + "[common]\nagentnme = a\nmyname = /m\n", "[common] has no agentname, which plug-in \"agent\" needs|"
+       "[common] agentnme is not read by any plug-in (did you mean agentname?)|2 problem(s)"},
+      {agent + named + "[names]\nANY = /x\n[network]\nlisten-port = " + busy + "\nrate = 3\n",
+       "[network] rate is not read by the host or any plug-in|1 problem(s)"},
+      {agent + "p = " PROBE_PLUGIN_PATH "\n" + named + "[probe]\ninit_result = 5\n",
+       "note: [probe] unknown, not checked: plug-in \"p\" does not declare its keys|OK"},
+      {example("agent-embedded.ini"), "OK"},
+      {example("agent-zookeeper.ini"), "OK"},
+  };
+  for (const auto& c : cases) {
+    const std::string path = dir.Write("c.ini", c.first), out = dir.Path() + "/out";
+    EXPECT_EQ(StartHost("--check-config " + path + " >" + out, dir.Path() + "/err").Wait(), c.second == "OK" ||
+              c.second.rfind("note", 0) == 0 ? 0 : 1);
+    EXPECT_EQ(ReadFile(out), path + ": " + std::regex_replace(c.second, std::regex("\\|"), "\n" + path + ": ") + "\n");
+  }
+  close(listener);
 }
 
 TEST(HostBinary, AHostKilledOutrightTakesItsRunningCommandWithIt) {

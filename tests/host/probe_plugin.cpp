@@ -75,7 +75,13 @@ int OnInit(void* context) {
   zelvar::ExecuteShell2 action("ExecuteShell2");  // for no machine, when the test gives one
   action.Param(zelvar::ExecuteShell2::kCommandParam, command);
   if (!command.empty()) Host<zelvar::StartLongActionFn>(zelvar::kSlotStartLongAction)(&action, 0, 0);
-  return ConfigInt("init_result");
+  const int result = ConfigInt("init_result");
+  if (result != 0) {  // the host is to quote the last error line, not an earlier one nor a later info line
+    for (const char* line : {"probe: an earlier error", "probe: told to fail"})
+      Host<zelvar::LogFn>(zelvar::kSlotLog)(4, "%s", line);
+    Host<zelvar::LogFn>(zelvar::kSlotLog)(3, "probe: giving up");
+  }
+  return result;
 }
 
 int OnConnect(uint64_t connA, uint64_t connB) { return g_control.connects.emplace_back(connA, connB), 0; }

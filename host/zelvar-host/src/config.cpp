@@ -161,6 +161,12 @@ bool Config::ListKeys(const std::string& section, const std::string& pattern,
   return true;
 }
 
+std::vector<std::string> Config::SectionNames() const {
+  std::vector<std::string> names;
+  for (const auto& section : m_mapSections) names.push_back(section.first);
+  return names;
+}
+
 std::vector<std::pair<std::string, std::string>> Config::Section(const std::string& section) const {
   std::vector<std::pair<std::string, std::string>> result;
   auto sectionIt = m_mapSections.find(section);

@@ -51,6 +51,8 @@ class Config {
   // pattern does not compile.
   bool ListKeys(const std::string& section, const std::string& pattern,
                 std::vector<std::string>* out) const;
+  // The names of the sections the file has.
+  std::vector<std::string> SectionNames() const;
   // Every key and value of a section, in file order.
   std::vector<std::pair<std::string, std::string>> Section(const std::string& section) const;
 

@@ -124,9 +124,11 @@ bool Host::LoadPlugins(std::string* error) {
     m_vecPlugins.back()->on_peek_interface(m_arrTable);
   }
   for (const auto& plugin : m_vecPlugins) {
+    m_strLastErrorLine.clear();
     int rc = plugin->on_init(const_cast<char*>(m_sConfig.Path().c_str()));
     if (rc != 0) {
       *error = "plug-in \"" + plugin->Name() + "\" failed to start: OnInit returned " + std::to_string(rc);
+      if (!m_strLastErrorLine.empty()) *error += ": " + m_strLastErrorLine;
       return false;
     }
   }

@@ -72,6 +72,12 @@ class Host {
   // Services behind the table's slots.
   const zelvar::HostFunction* Table() const { return m_arrTable; }
   Logger& Log() { return m_sLogger; }
+  // Keeps the last line a plug-in logged at the error level, quoted when its
+  // OnInit fails.
+  void NoteErrorLine(std::string line) {
+    while (!line.empty() && line.back() == '\n') line.pop_back();
+    m_strLastErrorLine = std::move(line);
+  }
   const Config& Configuration() const { return m_sConfig; }
   event_base* Base() const { return m_pBase; }
   zelvar::MachineRuntime& Runtime() { return *m_pRuntime; }
@@ -107,6 +113,7 @@ class Host {
   Config m_sConfig;
   HostSettings m_sSettings;
   Logger m_sLogger;
+  std::string m_strLastErrorLine;
   zelvar::HostFunction m_arrTable[zelvar::kHostSlotCount];
   event_base* m_pBase = nullptr;
   std::unique_ptr<LoopClock> m_pClock;

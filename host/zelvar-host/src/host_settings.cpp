@@ -30,6 +30,16 @@ bool ReadRange(const Config& config, const char* section, const char* key,
 
 }  // namespace
 
+const zelvar::ConfigKeyDeclaration HostSettings::kConfigKeys[] = {
+    {"host", "log_file", false},          {"host", "log_level", false},
+    {"host", "machine_timeout", false},   {"long_action", "time_limit", false},
+    {"long_action", "output_limit", false}, {"long_action", "max_children", false},
+    {"network", "listen-ip", false},      {"network", "listen-port", false},
+    {"network", "input_limit", false},    {"network", "total_input_limit", false},
+    {"network", "idle_timeout", false},   {"plugins", nullptr, false},
+    {nullptr, nullptr, false},
+};
+
 bool HostSettings::FromConfig(const Config& config, HostSettings* settings, std::string* error) {
   HostSettings s;
   std::string directory = config.Directory();

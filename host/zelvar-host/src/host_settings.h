@@ -23,6 +23,7 @@
 
 #include "connection_manager.h"
 #include "long_action_executor.h"
+#include "zelvar/host_interface.h"
 
 namespace zelvar_host {
 
@@ -37,6 +38,9 @@ struct HostSettings {
   int listen_port = 0;
   ConnectionLimits connection_limits;
   std::vector<std::pair<std::string, std::string>> plugins;  // name, resolved path
+
+  // Every key above, for the configuration check; null-terminated.
+  static const zelvar::ConfigKeyDeclaration kConfigKeys[];
 
   // False with one line naming the section, key and what is expected.
   static bool FromConfig(const Config& config, HostSettings* settings, std::string* error);

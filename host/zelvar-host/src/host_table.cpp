@@ -1,6 +1,8 @@
 #include "host_table.h"
 
 #include <cstdarg>
+#include <cstdio>
+#include <string>
 
 #include "host.h"
 #include "zelvar/machine_factory.h"
@@ -26,7 +28,20 @@ void Log(int level, const char* format, ...) {
   if (host == nullptr) return;
   va_list args;
   va_start(args, format);
-  host->Log().VLog(level, format, args);
+  if (level >= Logger::kError && format != nullptr) {
+    // Formatted here rather than in the logger, so the host can quote the line
+    // when the plug-in then fails to start.
+    va_list sizing;
+    va_copy(sizing, args);
+    const int length = std::vsnprintf(nullptr, 0, format, sizing);
+    va_end(sizing);
+    std::string line(length > 0 ? static_cast<size_t>(length) : 0, '\0');
+    if (length > 0) std::vsnprintf(&line[0], line.size() + 1, format, args);
+    host->NoteErrorLine(line);
+    host->Log().Write(level, line);
+  } else {
+    host->Log().VLog(level, format, args);
+  }
   va_end(args);
 }
 

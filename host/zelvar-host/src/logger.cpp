@@ -19,16 +19,20 @@ int OpenLogFile(const std::string& path) {
   return open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
 }
 
-// "YYYY-MM-DD HH:MM:SS.mmm LEVEL " into `out`; returns its length.
+// "YYYY-MM-DDTHH:MM:SS.mmm+HH:MM LEVEL " into `out`; returns its length. The
+// offset makes lines of hosts in different zones, or across a change of
+// daylight saving time, comparable.
 size_t FormatPrefix(int level, char* out, size_t size) {
   timeval now;
   gettimeofday(&now, nullptr);
   tm local;
   localtime_r(&now.tv_sec, &local);
   char stamp[32];
-  strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", &local);
-  int n = std::snprintf(out, size, "%s.%03d %s ", stamp, static_cast<int>(now.tv_usec / 1000),
-                        Logger::LevelName(level));
+  strftime(stamp, sizeof stamp, "%Y-%m-%dT%H:%M:%S", &local);
+  const long offsetMinutes = local.tm_gmtoff / 60;
+  const long absMinutes = offsetMinutes < 0 ? -offsetMinutes : offsetMinutes;
+  int n = std::snprintf(out, size, "%s.%03d%c%02ld:%02ld %s ", stamp, static_cast<int>(now.tv_usec / 1000),
+                        offsetMinutes < 0 ? '-' : '+', absMinutes / 60, absMinutes % 60, Logger::LevelName(level));
   return n < 0 ? 0 : static_cast<size_t>(n);
 }
 

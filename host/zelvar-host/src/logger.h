@@ -1,7 +1,8 @@
 // Logger: the host's log, shared by the host and (through the Log slot) every
 // plug-in.
 //
-// A line is "YYYY-MM-DD HH:MM:SS.mmm LEVEL text" in local time, where LEVEL is
+// A line is "YYYY-MM-DDTHH:MM:SS.mmm+HH:MM LEVEL text" (ISO 8601, local time
+// with its UTC offset), where LEVEL is
 // TRACE (1), DEBUG (2), INFO (3) or ERROR (4); a line is written when its level
 // is at least the threshold. Each line reaches the file in one write(2), so
 // lines of concurrent writers (the host and a dprintf on GetLogFd) never

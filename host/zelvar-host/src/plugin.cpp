@@ -30,6 +30,7 @@ bool Plugin::Load(std::string* error) {
   on_get_plugin_handle = reinterpret_cast<OnGetPluginHandleFn>(Symbol("OnGetPluginHandle"));
   on_is_ready = reinterpret_cast<OnIsReadyFn>(Symbol("OnIsReady"));
   on_unload = reinterpret_cast<OnUnloadFn>(Symbol("OnUnload"));
+  on_describe_config = reinterpret_cast<OnDescribeConfigFn>(Symbol("OnDescribeConfig"));
   const char* missing = on_peek_interface == nullptr ? "OnPeekInterface"
                         : on_init == nullptr         ? "OnInit"
                                                      : nullptr;

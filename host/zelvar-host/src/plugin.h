@@ -45,6 +45,7 @@ class Plugin {
   OnGetPluginHandleFn on_get_plugin_handle = nullptr;
   OnIsReadyFn on_is_ready = nullptr;
   OnUnloadFn on_unload = nullptr;
+  OnDescribeConfigFn on_describe_config = nullptr;
 
  private:
   void* Symbol(const char* name);

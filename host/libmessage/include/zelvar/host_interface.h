@@ -102,6 +102,16 @@ using GetEventBaseFn = event_base* (*)();
 // no such machine lives.
 using DeliverToMachineFn = int (*)(unsigned machineId, void* record, void (*drop)(void*));
 
+// One configuration key a component reads, for `zelvar-host --check-config`.
+// `key` null stands for every key of `section` (sections whose keys name
+// things, such as the agent's [names]). `required` keys must be present
+// whenever the component is loaded. A table ends with a null `section`.
+struct ConfigKeyDeclaration {
+  const char* section;
+  const char* key;
+  bool required;
+};
+
 // Reads a slot of a table as its signature.
 template <typename Fn>
 inline Fn HostSlotAs(const HostFunction* table, HostSlot slot) {
@@ -117,7 +127,9 @@ inline Fn HostSlotAs(const HostFunction* table, HostSlot slot) {
 // five. A plug-in that others reach through GetPluginHandle (a registry)
 // exports OnGetPluginHandle, and OnIsReady when it can be disconnected; the
 // host finds it under the name its configuration key gives it. OnUnload, when
-// exported, runs before the host closes the library.
+// exported, runs before the host closes the library. OnDescribeConfig, when
+// exported, returns the plug-in's static table of the configuration keys it
+// reads; the host calls it only to check a configuration, without OnInit.
 extern "C" {
 typedef void (*OnPeekInterfaceFn)(zelvar::HostFunction* table);
 typedef int (*OnInitFn)(void* hostContext);
@@ -129,6 +141,7 @@ typedef int (*OnRoutineFn)(zelvar::StateMachine** machineOut);
 typedef void* (*OnGetPluginHandleFn)();
 typedef int (*OnIsReadyFn)();
 typedef void (*OnUnloadFn)();
+typedef const zelvar::ConfigKeyDeclaration* (*OnDescribeConfigFn)();
 }
 
 #endif  // ZELVAR_HOST_INTERFACE_H
