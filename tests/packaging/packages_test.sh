@@ -65,6 +65,20 @@ zcat "$root$prefix/share/man/man8/zelvar-host.8.gz" | grep -qF -- '\-\-config' |
 zcat "$root$prefix/share/man/man1/ovita2ctl.1.gz" | grep -qF -- '--agent TEXT' ||
   fail "ovita2ctl(1) lacks the options of its commands"
 
+# What the host package's postinst does, done in the scratch root: the user,
+# then its folders (tmpfiles refuses a folder it could not make safely).
+if command -v systemd-sysusers >/dev/null && command -v systemd-tmpfiles >/dev/null && ((EUID == 0)); then
+  systemd-sysusers --root="$root" "$root$prefix/lib/sysusers.d/ovita2.conf" >/dev/null 2>&1 ||
+    fail "systemd-sysusers refused ovita2.conf"
+  systemd-tmpfiles --root="$root" --create "$root$prefix/lib/tmpfiles.d/ovita2.conf" ||
+    fail "systemd-tmpfiles refused ovita2.conf"
+  scripts=$root/var/lib/ovita2/ovita2/agent/plugin/real_time_task
+  uid=$(awk -F: '$1 == "ovita2" { print $3 }' "$root/etc/passwd")
+  [[ -n $uid && $(stat -c %u "$scripts" 2>/dev/null) == "$uid" ]] || fail "the real-time script folder is not the user's"
+else
+  echo "systemd-sysusers, systemd-tmpfiles or root missing: user and folders not checked"
+fi
+
 # The unpacked binaries and configuration, in the scratch root: paths and
 # ports rewritten so nothing outside it is touched.
 port() { echo $((20000 + RANDOM % 20000)); }
