@@ -22,7 +22,7 @@ fail() { echo "FAIL: $*" >&2; failures=$((failures + 1)); }
 
 root=$scratch/root
 state=$scratch/state
-mkdir -p "$root" "$state" "$scratch/home"
+mkdir -p "$root/etc" "$state" "$scratch/home"
 
 # The packages.
 (cd "$build" && cpack -G DEB -B "$scratch/packages" >"$scratch/cpack.log" 2>&1) || {
