@@ -18,6 +18,8 @@ packages=(
   libjs-chart.js   # the control plane's web page draws its charts with it
   prometheus       # promtool checks /metrics in the tests
   chromium         # the web page's browser test, and the README's screenshot
+  help2man         # the man pages, written from the programs' --help
+  dpkg-dev         # dpkg-shlibdeps: the packages' library dependencies
 )
 
 missing=()

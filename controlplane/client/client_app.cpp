@@ -432,6 +432,7 @@ CLI::App* AddSwitchCommand(CLI::App& app, const std::string& name, const std::st
 int Run(int argc, const char* const* argv, std::ostream& out, std::ostream& err) {
   CLI::App app("Reads what the ovita2 control plane stored, and switches an agent's real-time monitoring.",
                "ovita2ctl");
+  app.set_version_flag("-V,--version", std::string("ovita2ctl ") + OVITA2_VERSION);
   app.require_subcommand(1);
   app.footer(
       "--db may also come from the OVITA2_DB environment variable. Exit status: 0 success, 1 the agent\n"
