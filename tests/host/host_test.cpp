@@ -6,6 +6,7 @@
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 
 #include <regex>
@@ -64,7 +65,7 @@ TEST(HostConfig, ReadsValuesOrNamesTheBadLine) {
   EXPECT_EQ(reloaded.GetInt("c", "k", 7), 7) << "a file with a bad line leaves no value, of its own or of before";
 }
 
-TEST(HostLog, WritesLinesAtItsThresholdToItsFileAndFallsBackToStandardErrorWhenClosed) {
+TEST(HostLog, WritesStampedLinesAtItsThresholdFallsBackToStandardErrorAndLeavesStampingToTheJournal) {
   TempDir dir;
   zelvar_host::Logger log;
   std::string error;
@@ -75,6 +76,15 @@ TEST(HostLog, WritesLinesAtItsThresholdToItsFileAndFallsBackToStandardErrorWhenC
   EXPECT_TRUE(std::regex_match(ReadFile(dir.Path() + "/h.log"),
                                std::regex(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}[+-]\d\d:\d\d ERROR shown 2\n)")));
   EXPECT_EQ(log.Fd(), 2) << "a closed log must not write into whatever file takes its descriptor next";
+
+  int standardError = dup(2), journal = open((dir.Path() + "/journal").c_str(), O_WRONLY | O_CREAT, 0600);
+  struct stat stream;
+  dup2(journal, 2), fstat(2, &stream);
+  setenv("JOURNAL_STREAM", (std::to_string(stream.st_dev) + ":" + std::to_string(stream.st_ino)).c_str(), 1);
+  ASSERT_TRUE(log.Open("", &error));
+  log.Log(zelvar_host::Logger::kError, "to the journal");
+  dup2(standardError, 2), close(standardError), close(journal), unsetenv("JOURNAL_STREAM");
+  EXPECT_EQ(ReadFile(dir.Path() + "/journal"), "<3>to the journal\n") << "the journal stamps its lines itself";
 }
 
 zelvar::ZMessage* Envelope(const std::string& session) {

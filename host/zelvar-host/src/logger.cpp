@@ -1,11 +1,13 @@
 #include "logger.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/time.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <vector>
@@ -22,7 +24,11 @@ int OpenLogFile(const std::string& path) {
 // "YYYY-MM-DDTHH:MM:SS.mmm+HH:MM LEVEL " into `out`; returns its length. The
 // offset makes lines of hosts in different zones, or across a change of
 // daylight saving time, comparable.
-size_t FormatPrefix(int level, char* out, size_t size) {
+size_t FormatPrefix(int level, bool journal, char* out, size_t size) {
+  if (journal) {  // the journal stamps the line itself; it reads "<priority>" as its level
+    int priority = level >= Logger::kError ? 3 : level == Logger::kInfo ? 6 : 7;
+    return static_cast<size_t>(std::snprintf(out, size, "<%d>", priority));
+  }
   timeval now;
   gettimeofday(&now, nullptr);
   tm local;
@@ -34,6 +40,16 @@ size_t FormatPrefix(int level, char* out, size_t size) {
   int n = std::snprintf(out, size, "%s.%03d%c%02ld:%02ld %s ", stamp, static_cast<int>(now.tv_usec / 1000),
                         offsetMinutes < 0 ? '-' : '+', absMinutes / 60, absMinutes % 60, Logger::LevelName(level));
   return n < 0 ? 0 : static_cast<size_t>(n);
+}
+
+// Standard error is the journal when systemd names it in JOURNAL_STREAM
+// ("device:inode" of the stream it connected).
+bool StandardErrorIsJournal() {
+  const char* stream = std::getenv("JOURNAL_STREAM");
+  unsigned long long device = 0, inode = 0;
+  struct stat info;
+  return stream != nullptr && std::sscanf(stream, "%llu:%llu", &device, &inode) == 2 && fstat(2, &info) == 0 &&
+         info.st_dev == device && info.st_ino == inode;
 }
 
 }  // namespace
@@ -53,6 +69,7 @@ const char* Logger::LevelName(int level) {
 bool Logger::Open(const std::string& path, std::string* error) {
   Close();
   m_strPath = path;
+  m_bJournal = path.empty() && StandardErrorIsJournal();
   if (path.empty()) return true;
   int fd = OpenLogFile(path);
   if (fd < 0) {
@@ -89,6 +106,7 @@ void Logger::Close() {
   }
   m_iFd = 2;
   m_bOwnsFd = false;
+  m_bJournal = false;
 }
 
 void Logger::Log(int level, const char* format, ...) {
@@ -101,7 +119,7 @@ void Logger::Log(int level, const char* format, ...) {
 void Logger::VLog(int level, const char* format, va_list args) {
   if (!Enabled(level) || format == nullptr) return;
   char stack[kStackLine];
-  size_t prefix = FormatPrefix(level, stack, sizeof stack);
+  size_t prefix = FormatPrefix(level, m_bJournal, stack, sizeof stack);
   va_list copy;
   va_copy(copy, args);
   int n = std::vsnprintf(stack + prefix, sizeof stack - prefix, format, copy);
@@ -126,7 +144,7 @@ void Logger::VLog(int level, const char* format, va_list args) {
 void Logger::Write(int level, const std::string& text) {
   if (!Enabled(level)) return;
   char prefix[64];
-  size_t prefixLength = FormatPrefix(level, prefix, sizeof prefix);
+  size_t prefixLength = FormatPrefix(level, m_bJournal, prefix, sizeof prefix);
   std::string line(prefix, prefixLength);
   line += text;
   if (text.empty() || text.back() != '\n') line += '\n';

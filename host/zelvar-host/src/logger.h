@@ -32,7 +32,10 @@ class Logger {
   Logger(const Logger&) = delete;
   Logger& operator=(const Logger&) = delete;
 
-  // Logs to `path` (appending), or to standard error when it is empty.
+  // Logs to `path` (appending), or to standard error when it is empty. Lines
+  // begin with the local time (ISO 8601, with the UTC offset) and the level;
+  // on a standard error that systemd connected to the journal they begin with
+  // the journal's "<priority>" instead, since the journal stamps them itself.
   bool Open(const std::string& path, std::string* error);
   // Opens the file again under the same descriptor (after log rotation).
   bool Reopen(std::string* error);
@@ -56,6 +59,7 @@ class Logger {
   std::string m_strPath;
   int m_iFd = 2;
   bool m_bOwnsFd = false;
+  bool m_bJournal = false;
   int m_iThreshold = kInfo;
 };
 
