@@ -102,12 +102,10 @@ else
 fi
 
 zelvar_host=$root$prefix/bin/zelvar-host
-if LD_LIBRARY_PATH=$root$libdir "$zelvar_host" --help | grep -q -- --check-config; then
-  for ini in agent.ini controlplane.ini; do
-    LD_LIBRARY_PATH=$root$libdir "$zelvar_host" --check-config "$root$configdir/$ini" ||
-      fail "zelvar-host --check-config finds fault with the example $ini"
-  done
-fi
+for ini in agent.ini controlplane.ini; do
+  LD_LIBRARY_PATH=$root$libdir "$zelvar_host" --check-config "$root$configdir/$ini" ||
+    fail "zelvar-host --check-config finds fault with the example $ini"
+done
 
 # Each service's ExecStart, as systemd would run it, comes up with its plug-ins.
 for part in controlplane agent; do
