@@ -345,7 +345,7 @@ TEST(HostBinary, StartUpErrorsFailTheExitOnOneLineAndARunningHostReopensItsLogOn
   }
   close(listener);
   EXPECT_EQ(StartHost("", err).Wait(), 2);
-  EXPECT_EQ(ReadFile(err).rfind("usage: zelvar-host -c FILE\n", 0), 0u);
+  EXPECT_EQ(ReadFile(err).rfind("Usage: zelvar-host -c FILE\n", 0), 0u);
 
   auto host = StartHost("-c " + dir.Write("run.ini", "[host]\nlog_file = run.log\n[plugins]\np = " PROBE_PLUGIN_PATH),
                         err);

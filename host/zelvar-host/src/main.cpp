@@ -12,8 +12,8 @@
 namespace {
 
 constexpr const char* kUsage =
-    "usage: zelvar-host -c FILE\n"
-    "       zelvar-host --check-config FILE\n"
+    "Usage: zelvar-host -c FILE\n"
+    "   or: zelvar-host --check-config FILE\n"
     "  -c, --config FILE  the configuration file (INI)\n"
     "  --check-config FILE\n"
     "                     load the plug-ins FILE names without starting them, report\n"
