@@ -125,7 +125,9 @@ TEST(HostLoop, StartsPluginsWithTheConfigPathServesSlotsAndTicksAtTheSmallestPer
     EXPECT_EQ(probe.seen[i].machine_id, probe.ended[i]) << "a routine machine starts at once";
   }
   SLOT(fixture, SetRoutinePeriod)(1000000);
+  SLOT(fixture, SetRoutinePeriod)(0);  // would spin the loop
   EXPECT_EQ(fixture.host.RoutinePeriodUs(), 20000u);
+  EXPECT_TRUE(SLOT(fixture, IsReady)()) << "a plug-in that does not say otherwise is ready";
 }
 
 TEST(HostLoop, EventsReachTheirMachineOnALaterTurnAndAreDroppedForAGoneOne) {
@@ -152,6 +154,7 @@ TEST(HostLoop, EventsReachTheirMachineOnALaterTurnAndAreDroppedForAGoneOne) {
   EXPECT_EQ(seen, zelvar::FormatString("1:-1:1:0:first:0 0:-1:1:0:adopt:0 1:1:4:0:record:0 1:1:3:%d:0:9 "
                                        "1:1:3:%d:0:12 1:1:3:%d:%d:-1 1:1:1:0:done:0 ",
                                        flows[0], flows[1], flows[2], EBADF));
+  EXPECT_TRUE(flows[0] != flows[1] && flows[1] != flows[2]) << "each file action has its own flow number";
   EXPECT_EQ(std::string(back, 12), std::string("\0\0\0hello aio", 12));
   EXPECT_EQ(probe.ended, (std::vector<uint32_t>{id, quiet})) << "the quiet one ended on its machine timeout";
 
