@@ -44,8 +44,9 @@ RegisterMyselfMachine::~RegisterMyselfMachine() {
   if (m_sLock.owner == GetMachineId()) m_sLock = {0, 0};
 }
 
-int RegisterMyselfMachine::Timeout(bool) {
-  ovita2::MachineLog(4, this, "%s", "Timeout occurred, delete myself");
+// Ended as failed, unlike the common timeout: the registration did not happen.
+int RegisterMyselfMachine::Timeout(bool machineTimeout) {
+  BEVMachineUtil::Timeout(machineTimeout);
   return zelvar::kMachineFailed;
 }
 

@@ -38,10 +38,9 @@ std::string CommandLine(const zelvar::ovita2::JobDescription& job) {
 
 }  // namespace
 
-int JobPassMachine::Timeout(bool) {
-  ovita2::MachineLog(4, this, "%s", "Timeout occurred, delete myself");
+int JobPassMachine::Timeout(bool machineTimeout) {
   PassRunning() = false;
-  return zelvar::kMachineDone;
+  return BEVMachineUtil::Timeout(machineTimeout);
 }
 
 int JobPassMachine::Entry_Init(zelvar::event_key_t, void*) {

@@ -20,10 +20,9 @@ static const ovita2::MachineRegistration kRegistration =
         .State(-1, SecondPhaseMachineEntry_Init, "Entry_Init")
         .State(SecondPhaseMachine::kWaitJobs, SecondPhaseMachineEntry_WaitJobs, "Entry_WaitJobs");
 
-int SecondPhaseMachine::Timeout(bool) {
-  ovita2::MachineLog(4, this, "%s", "Timeout occurred, delete myself");
+int SecondPhaseMachine::Timeout(bool machineTimeout) {
   isRunning = false;
-  return zelvar::kMachineDone;
+  return BEVMachineUtil::Timeout(machineTimeout);
 }
 
 int SecondPhaseMachine::Entry_Init(zelvar::event_key_t, void*) {
