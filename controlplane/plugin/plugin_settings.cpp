@@ -1,5 +1,8 @@
 #include "plugin/plugin_settings.h"
 
+#include <arpa/inet.h>
+#include <event2/util.h>
+#include <netinet/in.h>
 #include <unistd.h>
 
 #include <climits>
@@ -79,20 +82,26 @@ bool ReadEndpoint(const ConfigReader& read, Endpoint* self, std::string* error) 
   return true;
 }
 
-// "ip:port" or "[ipv6]:port".
+// "ip:port" or "[ipv6]:port", read by libevent, which also serves it.
 bool ReadHttpAddress(const ConfigReader& read, PluginSettings* settings, std::string* error) {
   std::string address = read(kSection, "http");
   if (address.empty()) return true;
-  std::string::size_type colon = address.rfind(':');
-  long port = 0;
-  std::string ip = colon == std::string::npos ? "" : address.substr(0, colon);
-  if (ip.size() > 2 && ip.front() == '[' && ip.back() == ']') ip = ip.substr(1, ip.size() - 2);
-  if (ip.empty() || !ParseBounded(address.substr(colon + 1), 1, 65535, &port)) {
+  sockaddr_storage parsed{};
+  int length = sizeof parsed;
+  char ip[INET6_ADDRSTRLEN] = "";
+  auto* v4 = reinterpret_cast<sockaddr_in*>(&parsed);
+  auto* v6 = reinterpret_cast<sockaddr_in6*>(&parsed);
+  bool ok = evutil_parse_sockaddr_port(address.c_str(), reinterpret_cast<sockaddr*>(&parsed), &length) == 0;
+  const bool isV6 = parsed.ss_family == AF_INET6;
+  ok = ok && evutil_inet_ntop(parsed.ss_family, isV6 ? static_cast<void*>(&v6->sin6_addr) : &v4->sin_addr, ip,
+                              sizeof ip) != nullptr;
+  const uint16_t port = ntohs(isV6 ? v6->sin6_port : v4->sin_port);
+  if (!ok || port == 0) {
     *error = "[controlplane] http \"" + address + "\" is not an address like 127.0.0.1:7180";
     return false;
   }
   settings->http_ip = ip;
-  settings->http_port = static_cast<int>(port);
+  settings->http_port = port;
   return true;
 }
 

@@ -138,6 +138,11 @@ TEST_F(ControlPlaneInHost, WebAddressAnswersReadOnlyJsonAndMetricsPrometheusAcce
   EXPECT_NE(Log().find("not started: [controlplane] http: cannot listen on 127.0.0.1:" + std::to_string(busyPort) +
                        ": Address already in use"), std::string::npos) << Log();
   close(busy);
+  for (const char* bad : {"localhost:7180", "127.0.0.1", "127.0.0.1:0", "[::1]:x"}) {
+    EXPECT_FALSE(zelvar_host::Host().Init(dir.Write("bad.ini", ControlPlaneConfig(port, std::string("http = ") + bad)), &error));
+    EXPECT_NE(Log().find("[controlplane] http \"" + std::string(bad) + "\" is not an address like"), std::string::npos)
+        << bad;
+  }
   const std::string http = "http = 127.0.0.1:" + std::to_string(httpPort) + "\n";
   ASSERT_TRUE(host.Init(dir.Write("cp.ini", ControlPlaneConfig(port, http)), &error)) << error;
 
