@@ -126,8 +126,11 @@ narrate() {
     /my task queue:/                { sub(/.*my task queue: /, "");
                                       show("agent: task queue found: " $0);
                                       show("agent: its job list is fetched at its next job-update run, about 2.5 minutes after start; waiting") }
-    /controlplane: gave agent/      { sub(/.*controlplane: gave agent /, ""); sub(/ its /, " (");
+    /controlplane: gave agent .* its / { sub(/.*controlplane: gave agent /, ""); sub(/ its /, " (");
                                       show("control plane: job list sent to agent " $0 "); first samples within 20 s") }
+    /controlplane: gave agent .* configurations of/ {
+                                      sub(/.*controlplane: gave agent [^ ]* /, "");
+                                      show("control plane: " $0 " sent; the collectors report every 300 s") }
     /controlplane: heartbeat of/    { sub(/.*controlplane: heartbeat of /, "");
                                       print time "  control plane: heartbeat from " $0; fflush() }
     /RealTimeCollectMachine.*long action stderr:/ { sub(/.*long action stderr: /, ""); show("agent: a real-time script failed: " $0); next }
@@ -139,9 +142,9 @@ narrate() {
 # Until the job list arrives, say every 30 s how long the agent has been up.
 remind() {
   local started=$SECONDS
-  while ! grep -q 'controlplane: gave agent' "$run_dir/controlplane.log" 2>/dev/null; do
+  while ! grep -q 'controlplane: gave agent .* its ' "$run_dir/controlplane.log" 2>/dev/null; do
     sleep 30
-    grep -q 'controlplane: gave agent' "$run_dir/controlplane.log" 2>/dev/null && break
+    grep -q 'controlplane: gave agent .* its ' "$run_dir/controlplane.log" 2>/dev/null && break
     say "still waiting for the agent's job-update run ($((SECONDS - started)) s of about 150 s)"
   done
 }
