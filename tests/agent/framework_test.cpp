@@ -5,7 +5,9 @@
 #include "agent_test.h"
 #include "framework/bev_machine_util.h"
 #include "framework/host_api.h"
+#include "jobs/update_jobs.h"
 #include "zelvar/dorvan.pb.h"
+#include "zelvar/machine_factory.h"
 #include "zelvar/machine_pool.h"
 
 namespace ovita2 {
@@ -44,6 +46,16 @@ TEST_F(Framework, SendsReachTheRightMachineOrGoBackOverTheConnection) {
   machine.SetRequesterId(zelvar::kNoMachineId);
   EXPECT_EQ(machine.SendResponse(message), -1);
   host_.RunPending();
+}
+
+TEST_F(Framework, ARegisteredMachineIsAlsoBuiltInMemoryItsCallerOwns) {
+  alignas(UpdateJobsMachine) unsigned char memory[sizeof(UpdateJobsMachine)];
+  const zelvar::MachineFactory& factory = *zelvar::MachineFactory::Instance();
+  zelvar::StateMachine* machine = factory.CreateMachineByAddr(UpdateJobsMachine::kType, memory);
+  ASSERT_EQ(static_cast<void*>(machine), static_cast<void*>(memory));
+  EXPECT_STREQ(machine->MachineName(), "UpdateJobsMachine");
+  machine->~StateMachine();
+  EXPECT_EQ(factory.CreateMachineByAddr(UpdateJobsMachine::kType, nullptr), nullptr);
 }
 
 TEST_F(Framework, LinesFromTheHostsThresholdUpAndSqlAndBlobRequestsCarryTheWholeTextAndTheFlagTurnedRound) {

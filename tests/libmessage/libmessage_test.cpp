@@ -108,6 +108,25 @@ TEST(MachineRuntime, RunsMachinesByStateResultAndTimeout) {
   }
 }
 
+TEST(ExecuteShell2, RunsTheCommandToItsEndKeepingBothStreamsAndTheStatus) {
+  struct Case {
+    const char* command;
+    std::string output, error;
+    int64_t status;
+  };
+  for (const Case& c : {Case{"printf out; printf err >&2; exit 3", "out", "err", 3},
+                        Case{"exit 4", "", "exit status 4", 4},
+                        Case{"kill -9 $$", "", "killed by signal 9 (SIGKILL)", 137},
+                        Case{"head -c 100000 /dev/zero | tr '\\0' x", std::string(100000, 'x'), "", 0}}) {
+    ExecuteShell2 action;
+    action.Param(ExecuteShell2::kCommandParam, c.command);
+    action.Do();
+    EXPECT_EQ(action.Result().output, c.output) << c.command;
+    EXPECT_EQ(action.Result().error, c.error) << c.command;
+    EXPECT_EQ(action.Result().status, c.status) << c.command;
+  }
+}
+
 TEST(MachineFactoryDeathTest, TwoCreatorsForOneTypeStopTheProcess) {
   MachineCreator create = [] { return static_cast<StateMachine*>(new ScriptedMachine({})); };
   MachineFactory::AddMachine(kScriptedType, create);
