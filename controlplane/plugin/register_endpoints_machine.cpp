@@ -22,11 +22,7 @@ int RegisterEndpointsMachine::DoNext2(zelvar::event_key_t, void* data) {
   // Every later event is the registry's answer, which this handler owns.
   std::unique_ptr<zelvar::ZKPluginResponse> answer(static_cast<zelvar::ZKPluginResponse*>(data));
   if (answer == nullptr) return zelvar::kKeepMachine;
-  switch (GetState()) {
-    case kWaitLookup: return OnLookup(*answer);
-    case kWaitCreate: return OnCreate(*answer);
-    default: return OnFolderCreated(*answer);
-  }
+  return GetState() == kWaitLookup ? OnLookup(*answer) : OnCreate(*answer);
 }
 
 int RegisterEndpointsMachine::Timeout(bool) {
@@ -60,7 +56,6 @@ int RegisterEndpointsMachine::OnLookup(const zelvar::ZKPluginResponse& answer) {
     HostLog(4, "registry lookup of " + node + " failed: " + answer.error_message);
     return zelvar::kMachineDone;
   }
-  m_bFoldersCreated = false;
   return CreateNode();
 }
 
@@ -76,37 +71,8 @@ int RegisterEndpointsMachine::CreateNode() {
   return zelvar::kKeepMachine;
 }
 
-int RegisterEndpointsMachine::CreateNextFolder() {
-  if (m_vecFolders.empty()) return CreateNode();
-  const std::string& folder = m_vecFolders.front();
-  int refused = m_pRegistry->ZKPluginCall(GetMachineId(), "create", folder.c_str(), "", int64_t{0}, 0);
-  if (refused != 0) {
-    HostLog(2, "registry refused to create " + folder + " (" + std::to_string(refused) + ")");
-    return zelvar::kMachineDone;
-  }
-  SetState(kWaitFolder);
-  return zelvar::kKeepMachine;
-}
-
-int RegisterEndpointsMachine::OnFolderCreated(const zelvar::ZKPluginResponse& answer) {
-  if (answer.retcode != ZOK && answer.retcode != ZNODEEXISTS) {
-    HostLog(4, "creating registry folder " + m_vecFolders.front() + " failed: " + answer.error_message);
-    return zelvar::kMachineDone;
-  }
-  m_vecFolders.erase(m_vecFolders.begin());
-  return CreateNextFolder();
-}
-
 int RegisterEndpointsMachine::OnCreate(const zelvar::ZKPluginResponse& answer) {
   const std::string& node = m_vecNodes[m_uNext];
-  if (answer.retcode == ZNONODE && !m_bFoldersCreated) {
-    m_bFoldersCreated = true;
-    m_vecFolders.clear();
-    for (size_t slash = node.find('/', 1); slash != std::string::npos; slash = node.find('/', slash + 1)) {
-      m_vecFolders.push_back(node.substr(0, slash));
-    }
-    return CreateNextFolder();
-  }
   if (answer.retcode == ZOK) {
     HostLog(3, "registered " + node);
   } else if (answer.retcode != ZNODEEXISTS) {  // created meanwhile: the next check reads it

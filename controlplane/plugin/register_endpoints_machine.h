@@ -5,9 +5,8 @@
 // endpoint belongs to another instance of the same name: it is reported and
 // left alone, never overwritten.
 //
-// A ZooKeeper server, unlike the embedded registry, refuses a node whose
-// folder is missing: the folders are then created (persistent, empty) and the
-// node is created again.
+// Missing folders above a node are the registry plug-in's to create, as both
+// plug-ins do.
 //
 // Ephemeral nodes vanish with the registry session, so the check runs again
 // every few seconds and at once after the registry reconnects; one machine
@@ -39,14 +38,12 @@ class RegisterEndpointsMachine : public zelvar::StateMachine {
   int Timeout(bool machineTimeout) override;
 
  private:
-  enum State : int { kStart = zelvar::kInitialState, kWaitLookup = 1, kWaitCreate = 2, kWaitFolder = 3 };
+  enum State : int { kStart = zelvar::kInitialState, kWaitLookup = 1, kWaitCreate = 2 };
 
   int LookUpNext();
   int CreateNode();
-  int CreateNextFolder();
   int OnLookup(const zelvar::ZKPluginResponse& answer);
   int OnCreate(const zelvar::ZKPluginResponse& answer);
-  int OnFolderCreated(const zelvar::ZKPluginResponse& answer);
 
   static bool s_bRunning;
 
@@ -54,8 +51,6 @@ class RegisterEndpointsMachine : public zelvar::StateMachine {
   std::vector<std::string> m_vecNodes;
   std::string m_strNodeData;
   size_t m_uNext = 0;  // the node being checked
-  std::vector<std::string> m_vecFolders;  // folders still to create, outermost first
-  bool m_bFoldersCreated = false;         // for the node being checked
 };
 
 }  // namespace controlplane
