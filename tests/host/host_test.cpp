@@ -72,9 +72,14 @@ TEST(HostLog, WritesStampedLinesAtItsThresholdFallsBackToStandardErrorAndLeavesS
   ASSERT_TRUE(log.Open(dir.Path() + "/h.log", &error)) << error;
   log.Log(zelvar_host::Logger::kDebug, "hidden %d", 1);
   log.Log(zelvar_host::Logger::kError, "shown %d", 2);
+  log.Log(zelvar_host::Logger::kError, "%s", std::string(3000, 'x').c_str());  // longer than a stack line
   log.Close();
-  EXPECT_TRUE(std::regex_match(ReadFile(dir.Path() + "/h.log"),
-                               std::regex(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}[+-]\d\d:\d\d ERROR shown 2\n)")));
+  const std::string stamp = R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}[+-]\d\d:\d\d ERROR )";
+  const std::string logged = ReadFile(dir.Path() + "/h.log");
+  const size_t second = logged.find('\n') + 1, stampLength = 36;
+  EXPECT_TRUE(std::regex_match(logged.substr(0, second), std::regex(stamp + "shown 2\n")));
+  EXPECT_TRUE(std::regex_match(logged.substr(second, stampLength), std::regex(stamp)));
+  EXPECT_EQ(logged.substr(second + stampLength), std::string(3000, 'x') + "\n");
   EXPECT_EQ(log.Fd(), 2) << "a closed log must not write into whatever file takes its descriptor next";
 
   int standardError = dup(2), journal = open((dir.Path() + "/journal").c_str(), O_WRONLY | O_CREAT, 0600);
