@@ -3,10 +3,12 @@
 
 #include <memory>
 #include <sstream>
+#include <tuple>
 
 #include "zelvar/long_action.h"
 #include "zelvar/machine_factory.h"
 #include "zelvar/machine_runtime.h"
+#include "zelvar/string_util.h"
 
 namespace zelvar {
 namespace {
@@ -106,6 +108,20 @@ TEST(MachineRuntime, RunsMachinesByStateResultAndTimeout) {
     }  // ends what still runs
     EXPECT_EQ(g_journal, journal) << script;
   }
+}
+
+TEST(StringUtil, SplitKeepsOnlyNonEmptyPiecesAndFormatStringHasNoLengthLimit) {
+  for (const auto& [text, separator, pieces] : std::vector<std::tuple<std::string, std::string, std::string>>{
+           {"a,,b,", ",", "a|b|"}, {"::a::b", "::", "a|b|"}, {"a b", "", "a b|"}, {"", "", ""}, {"", ",", ""}}) {
+    std::vector<std::string> out{"kept"};
+    const size_t appended = Split(text, separator, &out);
+    EXPECT_EQ(appended, out.size() - 1) << text;
+    std::string joined;
+    for (size_t i = 1; i < out.size(); ++i) joined += out[i] + "|";
+    EXPECT_EQ(joined, pieces) << text << " by " << separator;
+  }
+  const std::string longText(1000, 'y');
+  EXPECT_EQ(FormatString("%s-%d", longText.c_str(), 7), longText + "-7");
 }
 
 TEST(ExecuteShell2, RunsTheCommandToItsEndKeepingBothStreamsAndTheStatus) {
