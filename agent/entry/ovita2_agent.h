@@ -1,5 +1,5 @@
-// The agent's own initialisation, reached through OnInit, and the globals it
-// sets for the machines.
+// The agent's own initialisation, reached through OnInit, which sets the
+// switches of framework/agent_switches.h for the machines.
 //
 // Event-loop thread only; the globals are unsynchronised by design.
 #ifndef OVITA2_AGENT_ENTRY_OVITA2_AGENT_H
@@ -8,6 +8,7 @@
 #include <cstdint>
 
 #include "entry/so_entry.h"
+#include "framework/agent_switches.h"
 
 extern "C" {
 // Reads the configuration, defines the service names, asks for OnRoutine once
@@ -18,13 +19,6 @@ OVITA2_EXPORT int OnMyInit(void* hostContext);
 OVITA2_EXPORT const zelvar::ConfigKeyDeclaration* OnDescribeConfig();
 }
 
-// Seconds between two runs of the high-precision jobs ("common" /
-// "highprecision_frequency", 60 when unset or 0).
-extern uint32_t g_highprecision_frequency;
-// True when the job list is to be fetched again.
-extern bool g_need_updatejobs;
-
-constexpr uint32_t kDefaultHighPrecisionFrequency = 60;
 constexpr unsigned kRoutinePeriodMicroseconds = 1000000;
 
 #endif  // OVITA2_AGENT_ENTRY_OVITA2_AGENT_H

@@ -89,20 +89,12 @@ int OnDataIn(uint64_t connA, uint64_t connB, zelvar::ZMessage** messageOut, zelv
 
   bufferevent* bev = HostFn<zelvar::GetConnectionBevFn>(zelvar::kSlotGetConnectionBev)(connA, connB);
   if (bev == nullptr) return kDataInError;
-  evbuffer* input = bufferevent_get_input(bev);
-  size_t buffered = evbuffer_get_length(input);
-  unsigned char prefix[zelvar::kFramePrefixSize];
-  if (buffered < sizeof(prefix)) return kDataInNeedMore;
-  if (evbuffer_copyout(input, prefix, sizeof(prefix)) != static_cast<ev_ssize_t>(sizeof(prefix))) {
-    return kDataInError;
-  }
-  uint64_t frameLength = uint64_t{zelvar::FrameBodyLength(prefix)} + sizeof(prefix);
-  if (frameLength > buffered) return kDataInNeedMore;
+  const zelvar::FrameCut cut = zelvar::CutFrame(bufferevent_get_input(bev));
+  if (cut.outcome == zelvar::FrameCut::kNeedMore) return kDataInNeedMore;
+  if (cut.outcome == zelvar::FrameCut::kBadFrame) return kDataInError;
 
   evbufferZeroCopyInputStream stream(bev);
-  // Frames past 2 GiB do not fit the stream's position; the host bounds a
-  // connection's input far below that.
-  stream.SetLimit(static_cast<int32_t>(frameLength));
+  stream.SetLimit(static_cast<int32_t>(cut.FrameSize()));  // the codec's bound keeps it in range
   zelvar::ZMessage* message = AcquireClearedMessage();
   if (!message->ParseFromZeroCopyStream(&stream)) {
     ReleaseMessage(message);

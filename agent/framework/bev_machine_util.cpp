@@ -46,6 +46,13 @@ int BEVMachineUtil::SendRequest(const zelvar::ZMessage& msg, const char* ip, uns
   return SendMessageToBEV(msg, bev);
 }
 
+unsigned BEVMachineUtil::NewRequest(zelvar::ZMessage* message, unsigned type) {
+  const unsigned flow = Flowno();
+  zelvar::NewMessage(message, flow, zelvar::MyUuid::NewUuid(), type, 0, false, GetMachineId(), 0, nullptr, nullptr,
+                     nullptr);
+  return flow;
+}
+
 int BEVMachineUtil::SendRequestByAddr(const zelvar::ZMessage& msg, unsigned addr, unsigned port, unsigned flag) {
   in_addr address;
   address.s_addr = addr;
@@ -179,11 +186,9 @@ int BEVMachineUtil::FormatInto(const char* format, va_list args) {
 unsigned BEVMachineUtil::vSendSql(const char* ip, unsigned port, const char* db, unsigned flag, const char* format,
                                   va_list args) {
   int length = FormatInto(format, args);
-  unsigned flow = Flowno();
   static zelvar::ZMessage envelope;
   envelope.Clear();
-  zelvar::NewMessage(&envelope, flow, zelvar::MyUuid::NewUuid(), kSqlRequestType, 0, false, GetMachineId(), 0,
-                     nullptr, nullptr, nullptr);
+  const unsigned flow = NewRequest(&envelope, kSqlRequestType);
   auto* request = envelope.mutable_body()->MutableExtension(zelvar::dorvan::execute_sql_request);
   request->set_db(db);
   request->set_sql(length > 0 ? std::string(m_pFormatBuffer, static_cast<size_t>(length)) : std::string());
@@ -224,12 +229,10 @@ unsigned BEVMachineUtil::ReplaceBlob(const char* ip, unsigned port, const char* 
   va_start(args, format);
   int length = FormatInto(format, args);
   va_end(args);
-  unsigned flow = Flowno();
-  // Not cleared between uses: NewMessage and the setters below overwrite
+  // Not cleared between uses: NewRequest and the setters below overwrite
   // every field this request carries.
   static zelvar::ZMessage envelope;
-  zelvar::NewMessage(&envelope, flow, zelvar::MyUuid::NewUuid(), kReplaceBlobRequestType, 0, false, GetMachineId(),
-                     0, nullptr, nullptr, nullptr);
+  const unsigned flow = NewRequest(&envelope, kReplaceBlobRequestType);
   auto* request = envelope.mutable_body()->MutableExtension(zelvar::dorvan::replace_blob_request);
   request->set_name(name);
   request->set_text(length > 0 ? std::string(m_pFormatBuffer, static_cast<size_t>(length)) : std::string());

@@ -41,6 +41,9 @@ class BEVMachineUtil : public zelvar::StateMachine {
 
   // The next flow number of the process, from 0, wrapping at 2^32.
   static unsigned Flowno();
+  // Fills the head of a request of `type` from this machine: a new flow
+  // number (returned) and session. The body is the caller's.
+  unsigned NewRequest(zelvar::ZMessage* message, unsigned type);
 
   // The connection a request arrived on, for SendResponse; set by OnDataIn
   // on a machine created to serve an inbound request.

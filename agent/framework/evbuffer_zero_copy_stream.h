@@ -1,13 +1,6 @@
 // Protobuf streams over libevent buffers, so that envelopes are parsed
 // straight out of a connection's input and serialised straight into evbuffer
-// space, without copying the payload.
-//
-// Frame on the wire (both directions), frames back to back:
-//
-//   | offset | size | field                                                   |
-//   |--------|------|---------------------------------------------------------|
-//   | 0      | 4    | N, unsigned 32-bit big-endian; does not count itself    |
-//   | 4      | N    | zelvar.ZMessage, protobuf binary encoding               |
+// space, without copying the payload. The frame is drawn in zelvar/frame.h.
 //
 // Both streams are stack objects of one call on the event-loop thread.
 #ifndef OVITA2_AGENT_FRAMEWORK_EVBUFFER_ZERO_COPY_STREAM_H

@@ -22,11 +22,6 @@ std::string FormatV(const char* format, va_list args) {
   return text;
 }
 
-void WriteLine(int level, const std::string& text) {
-  auto log = HostFn<zelvar::LogFn>(zelvar::kSlotLog);
-  if (log != nullptr) log(level, "%s", text.c_str());
-}
-
 }  // namespace
 
 void HostLog(int level, const char* format, ...) {
@@ -35,7 +30,7 @@ void HostLog(int level, const char* format, ...) {
   va_start(args, format);
   std::string text = FormatV(format, args);
   va_end(args);
-  WriteLine(level, text);
+  zelvar::HostLogText(g_sOXETInterface, level, text.c_str());
 }
 
 void MachineLog(int level, zelvar::StateMachine* machine, const char* format, ...) {

@@ -15,7 +15,7 @@
 
 #include <cstdint>
 
-#include "zelvar/host_interface.h"
+#include "zelvar/host_table.h"
 
 namespace zelvar {
 class StateMachine;
@@ -32,20 +32,17 @@ inline Fn HostFn(zelvar::HostSlot slot) {
 }
 
 // True when a line of `level` is to be written. Without a table nothing is.
-inline bool LogEnabled(int level) {
-  auto getLogLevel = HostFn<zelvar::GetLogLevelFn>(zelvar::kSlotGetLogLevel);
-  return getLogLevel != nullptr && getLogLevel() <= level;
-}
+inline bool LogEnabled(int level) { return zelvar::HostLogEnabled(g_sOXETInterface, level); }
 
 // A configuration value, "" when the host has none (the agent asks with no
 // default and uses the answer as a C string).
 inline const char* HostConfigString(const char* section, const char* key) {
-  const char* value = HostFn<zelvar::GetConfigStringFn>(zelvar::kSlotGetConfigString)(section, key, nullptr);
+  const char* value = zelvar::HostConfigText(g_sOXETInterface, section, key, nullptr);
   return value != nullptr ? value : "";
 }
 
 // The host's clock in whole seconds since the epoch.
-inline int64_t HostNow() { return *HostFn<zelvar::GetNowFn>(zelvar::kSlotGetNow)(); }
+inline int64_t HostNow() { return zelvar::HostNowSeconds(g_sOXETInterface); }
 
 // Writes one printf-style line at `level` when the threshold allows it.
 void HostLog(int level, const char* format, ...) __attribute__((format(printf, 2, 3)));

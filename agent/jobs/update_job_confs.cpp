@@ -6,7 +6,6 @@
 #include "jobs/job_conf_container.h"
 #include "naming/update_task_queue.h"
 #include "zelvar/message_util.h"
-#include "zelvar/my_uuid.h"
 #include "zelvar/ovita2.pb.h"
 
 using ovita2::HostFn;
@@ -36,8 +35,7 @@ int UpdateJobConfsMachine::Entry_Init(zelvar::event_key_t, void*) {
   if (g_strTQIP.empty()) return zelvar::kMachineDone;
 
   zelvar::ZMessage request;
-  zelvar::NewMessage(&request, Flowno(), zelvar::MyUuid::NewUuid(), kRequestType, 0, false, GetMachineId(), 0,
-                     nullptr, nullptr, nullptr);
+  NewRequest(&request, kRequestType);
   auto* asked = request.mutable_body()->MutableExtension(zelvar::ovita2::get_conf_request);
   asked->set_agent_name(ovita2::HostConfigString("common", "agentname"));
   asked->set_conf_type(m_conf_type);

@@ -1,13 +1,12 @@
 // UpdateJobsMachine: fetches this agent's job list from its task queue into the JobContainer.
 #include "jobs/update_jobs.h"
 
-#include "entry/ovita2_agent.h"
+#include "framework/agent_switches.h"
 #include "framework/host_api.h"
 #include "framework/machine_registration.h"
 #include "jobs/job_container.h"
 #include "naming/update_task_queue.h"
 #include "zelvar/message_util.h"
-#include "zelvar/my_uuid.h"
 #include "zelvar/ovita2.pb.h"
 
 using ovita2::HostFn;
@@ -35,8 +34,7 @@ int UpdateJobsMachine::Entry_Init(zelvar::event_key_t, void*) {
   if (g_strTQIP.empty()) return zelvar::kMachineDone;
 
   zelvar::ZMessage request;
-  zelvar::NewMessage(&request, Flowno(), zelvar::MyUuid::NewUuid(), kRequestType, 0, false, GetMachineId(), 0,
-                     nullptr, nullptr, nullptr);
+  NewRequest(&request, kRequestType);
   request.mutable_body()->MutableExtension(zelvar::ovita2::get_job_request)->set_agent_name(
       ovita2::HostConfigString("common", "agentname"));
   SendRequest(request, g_strTQIP.c_str(), static_cast<unsigned>(g_iTQPort), 0);

@@ -1,13 +1,12 @@
 // HeartBeatMachine: the agent's once-a-minute report to its task queue.
 #include "liveness/heart_beat.h"
 
-#include "entry/ovita2_agent.h"
+#include "framework/agent_switches.h"
 #include "framework/host_api.h"
 #include "framework/machine_registration.h"
 #include "jobs/job_container.h"
 #include "naming/update_task_queue.h"
 #include "zelvar/message_util.h"
-#include "zelvar/my_uuid.h"
 #include "zelvar/ovita2.pb.h"
 
 OVITA2_MACHINE_CREATORS(HeartBeat)
@@ -26,8 +25,7 @@ int HeartBeatMachine::Entry_Init(zelvar::event_key_t, void*) {
   static zelvar::ZMessage& envelope = *new zelvar::ZMessage();
   static bool headFilled = false;
   if (!headFilled) {
-    zelvar::NewMessage(&envelope, Flowno(), zelvar::MyUuid::NewUuid(), kRequestType, 0, false, GetMachineId(), 0,
-                       nullptr, nullptr, nullptr);
+    NewRequest(&envelope, kRequestType);
     headFilled = true;
   }
 

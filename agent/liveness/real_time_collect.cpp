@@ -12,7 +12,6 @@
 #include "naming/name_container.h"
 #include "zelvar/long_action.h"
 #include "zelvar/message_util.h"
-#include "zelvar/my_uuid.h"
 #include "zelvar/ovita2.pb.h"
 
 bool RealTimeCollectMachine::m_rtRunning = false;
@@ -88,8 +87,7 @@ void RealTimeCollectMachine::SendLines(const std::string& output) {
   }
   for (size_t start = 0, end; (end = output.find('\n', start)) != std::string::npos; start = end + 1) {
     zelvar::ZMessage request;
-    zelvar::NewMessage(&request, Flowno(), zelvar::MyUuid::NewUuid(), kRequestType, 0, false, GetMachineId(), 0,
-                       nullptr, nullptr, nullptr);
+    NewRequest(&request, kRequestType);
     request.mutable_body()->MutableExtension(zelvar::ovita2::send_real_time_buff_request)->set_line(
         output.substr(start, end - start));
     SendRequest(request, access->ip().c_str(), static_cast<unsigned>(access->port()), 0);

@@ -7,7 +7,6 @@
 #include "framework/machine_registration.h"
 #include "naming/name_container.h"
 #include "zelvar/message_util.h"
-#include "zelvar/my_uuid.h"
 #include "zelvar/ovita2.pb.h"
 
 using ovita2::HostFn;
@@ -30,8 +29,7 @@ static const ovita2::MachineRegistration kRegistration =
 
 int UpdateAggregationMachine::Entry_Init(zelvar::event_key_t, void*) {
   zelvar::ZMessage request;
-  zelvar::NewMessage(&request, Flowno(), zelvar::MyUuid::NewUuid(), kRequestType, 0, false, GetMachineId(), 0,
-                     nullptr, nullptr, nullptr);
+  NewRequest(&request, kRequestType);
   request.mutable_body()->MutableExtension(zelvar::ovita2::get_aggregation_request)->set_node_path(
       ovita2::HostConfigString("common", "myname"));
 

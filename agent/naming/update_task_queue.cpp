@@ -5,7 +5,6 @@
 #include "framework/machine_registration.h"
 #include "naming/name_container.h"
 #include "zelvar/message_util.h"
-#include "zelvar/my_uuid.h"
 #include "zelvar/ovita2.pb.h"
 
 using ovita2::HostFn;
@@ -33,8 +32,7 @@ int UpdateTaskQueueMachine::Entry_Init(zelvar::event_key_t, void*) {
     return zelvar::kMachineDone;
   }
   zelvar::ZMessage request;
-  zelvar::NewMessage(&request, Flowno(), zelvar::MyUuid::NewUuid(), kRequestType, 0, false, GetMachineId(), 0,
-                     nullptr, nullptr, nullptr);
+  NewRequest(&request, kRequestType);
   request.mutable_body()->MutableExtension(zelvar::ovita2::get_task_queue_request)->set_node_path(
       ovita2::HostConfigString("common", "myname"));
   SendRequest(request, master->ip().c_str(), static_cast<unsigned>(master->port()), 0);

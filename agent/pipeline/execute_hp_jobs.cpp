@@ -3,7 +3,7 @@
 
 #include <cstdlib>
 
-#include "entry/ovita2_agent.h"
+#include "framework/agent_switches.h"
 #include "framework/machine_registration.h"
 #include "pipeline/parse_second_args.h"
 #include "pipeline/stats_queues.h"

@@ -4,7 +4,7 @@
 #include <cassert>
 #include <cstdlib>
 
-#include "entry/ovita2_agent.h"
+#include "framework/agent_switches.h"
 #include "framework/host_api.h"
 #include "framework/machine_registration.h"
 #include "jobs/job_container.h"

@@ -5,7 +5,6 @@
 #include "naming/update_aggregation.h"
 #include "pipeline/stats_queues.h"
 #include "zelvar/message_util.h"
-#include "zelvar/my_uuid.h"
 #include "zelvar/tellar2.pb.h"
 
 OVITA2_MACHINE_CREATORS(SendUpper)
@@ -24,8 +23,7 @@ int SendUpperMachine::Entry_Init(zelvar::event_key_t, void*) {
 
 void SendUpperMachine::sendInt64Upper() {
   zelvar::ZMessage message;
-  zelvar::NewMessage(&message, Flowno(), zelvar::MyUuid::NewUuid(), kStatsRequestType, 0, false, GetMachineId(), 0,
-                     nullptr, nullptr, nullptr);
+  NewRequest(&message, kStatsRequestType);
   auto* request = message.mutable_body()->MutableExtension(zelvar::tellar2::record_stats_request);
   if (g_vecUpper.empty()) return;
   request->mutable_stats()->Reserve(static_cast<int>(g_vecUpper.size()));
@@ -42,8 +40,7 @@ void SendUpperMachine::sendInt64Upper() {
 
 void SendUpperMachine::sendStringUpper() {
   zelvar::ZMessage message;
-  zelvar::NewMessage(&message, Flowno(), zelvar::MyUuid::NewUuid(), kStringStatsRequestType, 0, false,
-                     GetMachineId(), 0, nullptr, nullptr, nullptr);
+  NewRequest(&message, kStringStatsRequestType);
   auto* request = message.mutable_body()->MutableExtension(zelvar::tellar2::record_string_stats_request);
   if (g_vecStringUpper.empty()) return;
   request->mutable_stats()->Reserve(static_cast<int>(g_vecStringUpper.size()));

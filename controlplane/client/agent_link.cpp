@@ -2,14 +2,17 @@
 #include "client/agent_link.h"
 
 #include <arpa/inet.h>
+#include <event2/buffer.h>
+#include <event2/bufferevent.h>
+#include <event2/event.h>
 #include <netinet/in.h>
-#include <poll.h>
+#include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <climits>
 #include <cstring>
+#include <memory>
 #include <sstream>
 
 #include "zelvar/frame.h"
@@ -20,29 +23,13 @@
 namespace controlplane {
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
 // Far above any answer to a switch request; a larger length means the peer is
-// not speaking this protocol, and the client should not try to allocate it.
+// not speaking this protocol, and the client should not wait for it.
 constexpr uint32_t kLargestAnswer = 16u << 20;
 
 // Switch operations of an enable_real_time_monitor_request.
 constexpr uint32_t kOperationEnable = 0;
 constexpr uint32_t kOperationDisable = 1;
-
-class Socket {
- public:
-  explicit Socket(int fd) : m_iFd(fd) {}
-  ~Socket() {
-    if (m_iFd >= 0) ::close(m_iFd);
-  }
-  Socket(const Socket&) = delete;
-  Socket& operator=(const Socket&) = delete;
-  int Fd() const { return m_iFd; }
-
- private:
-  int m_iFd;
-};
 
 bool SetError(std::string* error, std::string message) {
   if (error != nullptr) *error = std::move(message);
@@ -61,23 +48,6 @@ std::string WithinSeconds(std::chrono::milliseconds timeout) {
   std::ostringstream text;
   text << "within " << static_cast<double>(timeout.count()) / 1000.0 << " s";
   return text.str();
-}
-
-int MillisecondsLeft(Clock::time_point deadline) {
-  auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
-  if (left <= 0) return 0;
-  return left > INT_MAX ? INT_MAX : static_cast<int>(left);
-}
-
-// True once `fd` is ready for `events` (or has an error the next call will
-// report); false when the deadline passed first.
-bool WaitFor(int fd, short events, Clock::time_point deadline) {
-  for (;;) {
-    pollfd watched{fd, events, 0};
-    int ready = ::poll(&watched, 1, MillisecondsLeft(deadline));
-    if (ready < 0 && errno == EINTR) continue;
-    return ready != 0;
-  }
 }
 
 // A peer that closes with our request unread resets the connection instead of
@@ -104,91 +74,131 @@ sockaddr_storage SocketAddress(const AgentEndpoint& endpoint, socklen_t* length)
   return storage;
 }
 
-bool Connect(int fd, const sockaddr_storage& target, socklen_t length, const std::string& address,
-             Clock::time_point deadline, std::string* error) {
-  if (::connect(fd, reinterpret_cast<const sockaddr*>(&target), length) != 0 && errno != EINPROGRESS) {
-    return SetError(error, address + ": cannot connect: " + std::strerror(errno));
+// libevent writes with writev, which raises SIGPIPE on a closed connection;
+// the client reports that as an answer that never came, so the signal is held
+// back on this thread for the exchange and a pending one is swallowed.
+class SigpipeHeld {
+ public:
+  SigpipeHeld() {
+    sigemptyset(&m_sPipe);
+    sigaddset(&m_sPipe, SIGPIPE);
+    sigpending(&m_sPendingBefore);
+    pthread_sigmask(SIG_BLOCK, &m_sPipe, &m_sPrevious);
   }
-  if (!WaitFor(fd, POLLOUT, deadline)) return SetError(error, address + ": cannot connect: no connection in time");
-  int failure = 0;
-  socklen_t failureSize = sizeof(failure);
-  if (::getsockopt(fd, SOL_SOCKET, SO_ERROR, &failure, &failureSize) != 0) failure = errno;
-  if (failure != 0) return SetError(error, address + ": cannot connect: " + std::strerror(failure));
-  return true;
-}
+  ~SigpipeHeld() {
+    sigset_t pending;
+    sigpending(&pending);
+    const timespec now{0, 0};
+    if (sigismember(&pending, SIGPIPE) && !sigismember(&m_sPendingBefore, SIGPIPE))
+      sigtimedwait(&m_sPipe, nullptr, &now);
+    pthread_sigmask(SIG_SETMASK, &m_sPrevious, nullptr);
+  }
+  SigpipeHeld(const SigpipeHeld&) = delete;
+  SigpipeHeld& operator=(const SigpipeHeld&) = delete;
 
-bool SendAll(int fd, const std::string& bytes, const std::string& address, Clock::time_point deadline,
-             std::string* error) {
-  size_t sent = 0;
-  while (sent < bytes.size()) {
-    if (!WaitFor(fd, POLLOUT, deadline)) return SetError(error, address + " did not take the request in time");
-    ssize_t written = ::send(fd, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
-    if (written >= 0) {
-      sent += static_cast<size_t>(written);
-    } else if (IsPeerGone(errno)) {
-      return SetError(error, address + " closed the connection without answering");
-    } else if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR) {
-      return SetError(error, address + ": cannot send the request: " + std::strerror(errno));
+ private:
+  sigset_t m_sPipe, m_sPendingBefore, m_sPrevious;
+};
+
+// One request and its answer on a private event base: the frame goes out as
+// soon as the connection is up, the answer is cut with the frame codec, and
+// one timer ends the whole exchange.
+class Exchange {
+ public:
+  Exchange(const std::string& address, std::chrono::milliseconds timeout, zelvar::ZMessage* answer)
+      : m_strAddress(address), m_sTimeout(timeout), m_pAnswer(answer) {}
+
+  // `fd` is connecting (non-blocking) and is owned from here on.
+  bool Run(int fd, const zelvar::ZMessage& request, std::string* error) {
+    m_pBase.reset(event_base_new());
+    bufferevent* bev = m_pBase ? bufferevent_socket_new(m_pBase.get(), fd, BEV_OPT_CLOSE_ON_FREE) : nullptr;
+    if (bev == nullptr) {
+      ::close(fd);
+      return SetError(error, m_strAddress + ": cannot connect: no event loop");
+    }
+    m_pBev.reset(bev);
+    m_pTimer.reset(evtimer_new(m_pBase.get(), &Exchange::OnTimeout, this));
+    const auto ms = m_sTimeout.count();
+    const timeval limit{static_cast<time_t>(ms / 1000), static_cast<suseconds_t>(ms % 1000 * 1000)};
+    const std::string frame = zelvar::EncodeFrame(request);
+    bufferevent_setcb(bev, &Exchange::OnRead, nullptr, &Exchange::OnEvent, this);
+    if (m_pTimer == nullptr || evtimer_add(m_pTimer.get(), &limit) != 0 ||
+        bufferevent_enable(bev, EV_READ | EV_WRITE) != 0 || bufferevent_socket_connect(bev, nullptr, 0) != 0 ||
+        bufferevent_write(bev, frame.data(), frame.size()) != 0) {
+      return SetError(error, m_strAddress + ": cannot connect: " + std::strerror(errno));
+    }
+    SigpipeHeld held;
+    event_base_dispatch(m_pBase.get());
+    return m_strFailure.empty() || SetError(error, m_strFailure);
+  }
+
+ private:
+  template <typename T, void (*Free)(T*)>
+  struct Freer {
+    void operator()(T* object) const { Free(object); }
+  };
+
+  static void OnRead(bufferevent*, void* self) { static_cast<Exchange*>(self)->ReadAnswer(); }
+  static void OnEvent(bufferevent*, short what, void* self) { static_cast<Exchange*>(self)->Closed(what); }
+  static void OnTimeout(evutil_socket_t, short, void* self) { static_cast<Exchange*>(self)->TimedOut(); }
+
+  void ReadAnswer() {
+    evbuffer* input = bufferevent_get_input(m_pBev.get());
+    const unsigned char* prefix = evbuffer_pullup(input, zelvar::kFramePrefixSize);
+    if (prefix != nullptr && zelvar::FrameBodyLength(prefix) > kLargestAnswer) {
+      return Finish(m_strAddress + " sent a frame of " + std::to_string(zelvar::FrameBodyLength(prefix)) +
+                    " bytes, too large for an answer (is it an agent?)");
+    }
+    const zelvar::FrameCut cut = zelvar::CutFrame(input);
+    if (cut.outcome == zelvar::FrameCut::kNeedMore) return;
+    const bool decoded = cut.outcome == zelvar::FrameCut::kOneFrame && zelvar::TakeFrame(input, cut, m_pAnswer);
+    Finish(decoded ? "" : m_strAddress + " sent an answer that cannot be decoded");
+  }
+
+  void Closed(short what) {
+    const int errorNumber = EVUTIL_SOCKET_ERROR();
+    if (what & BEV_EVENT_CONNECTED) {
+      m_bConnected = true;
+    } else if (!m_bConnected) {
+      Finish(m_strAddress + ": cannot connect: " + std::strerror(errorNumber));
+    } else if ((what & BEV_EVENT_EOF) || IsPeerGone(errorNumber)) {
+      const bool headRead = evbuffer_get_length(bufferevent_get_input(m_pBev.get())) >= zelvar::kFramePrefixSize;
+      Finish(m_strAddress + (headRead ? " closed the connection in the middle of its answer"
+                                      : " closed the connection without answering"));
+    } else {
+      Finish(m_strAddress +
+             ((what & BEV_EVENT_WRITING) ? ": cannot send the request: " : ": cannot receive the answer: ") +
+             std::strerror(errorNumber));
     }
   }
-  return true;
-}
 
-enum class Received { kAll, kClosed, kTimedOut, kFailed };
-
-Received ReceiveExactly(int fd, char* buffer, size_t size, Clock::time_point deadline, int* errorNumber) {
-  size_t got = 0;
-  while (got < size) {
-    if (!WaitFor(fd, POLLIN, deadline)) return Received::kTimedOut;
-    ssize_t read = ::recv(fd, buffer + got, size - got, 0);
-    if (read > 0) {
-      got += static_cast<size_t>(read);
-    } else if (read == 0 || IsPeerGone(errno)) {
-      return Received::kClosed;
-    } else if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR) {
-      *errorNumber = errno;
-      return Received::kFailed;
+  void TimedOut() {
+    if (!m_bConnected) return Finish(m_strAddress + ": cannot connect: no connection in time");
+    if (evbuffer_get_length(bufferevent_get_output(m_pBev.get())) > 0) {
+      return Finish(m_strAddress + " did not take the request in time");
     }
+    Finish(m_strAddress + " did not answer " + WithinSeconds(m_sTimeout));
   }
-  return Received::kAll;
-}
 
-// The message for a frame part that did not arrive whole; `closed` says what a
-// closed connection means at this point of the answer.
-bool ReceiveFailure(Received result, int errorNumber, const std::string& address, const char* closed,
-                    std::chrono::milliseconds timeout, std::string* error) {
-  switch (result) {
-    case Received::kClosed:
-      return SetError(error, address + " " + closed);
-    case Received::kTimedOut:
-      return SetError(error, address + " did not answer " + WithinSeconds(timeout));
-    default:
-      return SetError(error, address + ": cannot receive the answer: " + std::strerror(errorNumber));
+  // The first end counts; `failure` is empty for an answer.
+  void Finish(std::string failure) {
+    if (m_bFinished) return;
+    m_bFinished = true;
+    m_strFailure = std::move(failure);
+    event_base_loopbreak(m_pBase.get());
   }
-}
 
-bool ReceiveFrame(int fd, const std::string& address, Clock::time_point deadline, std::chrono::milliseconds timeout,
-                  zelvar::ZMessage* answer, std::string* error) {
-  unsigned char header[zelvar::kFramePrefixSize];
-  int errorNumber = 0;
-  Received result = ReceiveExactly(fd, reinterpret_cast<char*>(header), sizeof(header), deadline, &errorNumber);
-  if (result != Received::kAll) {
-    return ReceiveFailure(result, errorNumber, address, "closed the connection without answering", timeout, error);
-  }
-  uint32_t size = zelvar::FrameBodyLength(header);
-  if (size > kLargestAnswer) {
-    return SetError(error, address + " sent a frame of " + std::to_string(size) +
-                               " bytes, too large for an answer (is it an agent?)");
-  }
-  std::string body(size, '\0');
-  result = ReceiveExactly(fd, body.data(), body.size(), deadline, &errorNumber);
-  if (result != Received::kAll) {
-    return ReceiveFailure(result, errorNumber, address, "closed the connection in the middle of its answer", timeout,
-                          error);
-  }
-  if (!answer->ParseFromString(body)) return SetError(error, address + " sent an answer that cannot be decoded");
-  return true;
-}
+  const std::string m_strAddress;
+  const std::chrono::milliseconds m_sTimeout;
+  zelvar::ZMessage* m_pAnswer;
+  // Declared first so that it is freed last.
+  std::unique_ptr<event_base, Freer<event_base, event_base_free>> m_pBase;
+  std::unique_ptr<bufferevent, Freer<bufferevent, bufferevent_free>> m_pBev;
+  std::unique_ptr<event, Freer<event, event_free>> m_pTimer;
+  bool m_bConnected = false;
+  bool m_bFinished = false;
+  std::string m_strFailure;
+};
 
 }  // namespace
 
@@ -230,14 +240,16 @@ bool ExchangeWithAgent(const std::string& address, const zelvar::ZMessage& reque
                        std::chrono::milliseconds timeout, zelvar::ZMessage* answer, std::string* error) {
   std::optional<AgentEndpoint> endpoint = ParseAgentAddress(address, error);
   if (!endpoint) return false;
-  const Clock::time_point deadline = Clock::now() + timeout;
   socklen_t length = 0;
   const sockaddr_storage target = SocketAddress(*endpoint, &length);
-  Socket socket(::socket(target.ss_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-  if (socket.Fd() < 0) return SetError(error, address + ": cannot connect: " + std::strerror(errno));
-  return Connect(socket.Fd(), target, length, address, deadline, error) &&
-         SendAll(socket.Fd(), zelvar::EncodeFrame(request), address, deadline, error) &&
-         ReceiveFrame(socket.Fd(), address, deadline, timeout, answer, error);
+  const int fd = ::socket(target.ss_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+  if (fd < 0) return SetError(error, address + ": cannot connect: " + std::strerror(errno));
+  if (::connect(fd, reinterpret_cast<const sockaddr*>(&target), length) != 0 && errno != EINPROGRESS) {
+    const int failure = errno;
+    ::close(fd);
+    return SetError(error, address + ": cannot connect: " + std::strerror(failure));
+  }
+  return Exchange(address, timeout, answer).Run(fd, request, error);
 }
 
 SwitchOutcome SwitchRealTimeMonitor(const std::string& address, uint32_t itemId, bool enable,

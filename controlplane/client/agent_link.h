@@ -1,8 +1,7 @@
 // AgentLink: the client's one conversation with an agent. It connects to the
 // agent's listening port, sends one request framed as on the host's wire (a
 // 4-byte big-endian length, then one serialised zelvar::ZMessage) and waits
-// for one answering frame. A command-line tool asks one question at a time,
-// so plain sockets with poll() for the timeout are enough.
+// for one answering frame, on a libevent bufferevent of its own event base.
 #ifndef OVITA2_CONTROLPLANE_AGENT_LINK_H
 #define OVITA2_CONTROLPLANE_AGENT_LINK_H
 

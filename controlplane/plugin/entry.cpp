@@ -4,7 +4,6 @@
 #include <event2/buffer.h>
 #include <event2/bufferevent.h>
 
-#include <climits>
 #include <string>
 
 #include "plugin/control_plane_plugin.h"
@@ -62,22 +61,15 @@ __attribute__((visibility("default"))) int OnDataIn(uint64_t connA, uint64_t con
   bufferevent* bev = HostSlot<zelvar::GetConnectionBevFn>(zelvar::kSlotGetConnectionBev)(connA, connB);
   if (bev == nullptr || ControlPlanePlugin::Instance() == nullptr) return kUndecodable;
   evbuffer* input = bufferevent_get_input(bev);
-  size_t buffered = evbuffer_get_length(input);
-  unsigned char prefix[zelvar::kFramePrefixSize];
-  if (buffered < sizeof prefix) return kNeedMore;
-  evbuffer_copyout(input, prefix, sizeof prefix);
-  uint64_t frameLength = uint64_t{zelvar::FrameBodyLength(prefix)} + sizeof prefix;
-  if (frameLength > INT_MAX) return kUndecodable;
-  if (frameLength > buffered) return kNeedMore;
+  const zelvar::FrameCut cut = zelvar::CutFrame(input);
+  if (cut.outcome == zelvar::FrameCut::kNeedMore) return kNeedMore;
+  if (cut.outcome == zelvar::FrameCut::kBadFrame) return kUndecodable;
 
-  const unsigned char* frame = evbuffer_pullup(input, static_cast<ev_ssize_t>(frameLength));
   zelvar::ZMessage* message = AcquireMessage();
-  bool decoded = frame != nullptr &&
-                 message->ParseFromArray(frame + sizeof prefix, static_cast<int>(frameLength - sizeof prefix));
-  evbuffer_drain(input, frameLength);
+  const bool decoded = zelvar::TakeFrame(input, cut, message);
   if (!decoded) {
     HostSlot<zelvar::ReleaseMessageFn>(zelvar::kSlotReleaseMessage)(0, message);
-    HostLog(4, "a frame of " + std::to_string(frameLength) + " bytes is no envelope; closing its connection");
+    HostLog(4, "a frame of " + std::to_string(cut.FrameSize()) + " bytes is no envelope; closing its connection");
     return kUndecodable;
   }
   *messageOut = message;

@@ -1,38 +1,24 @@
 #include "plugin/host_access.h"
 
-#include <cstring>
-
 namespace controlplane {
 namespace {
 
-zelvar::HostFunction g_arrHostTable[zelvar::kHostSlotCount] = {};
+zelvar::HostTable g_sHost;
 
 }  // namespace
 
-void KeepHostTable(const zelvar::HostFunction* table) {
-  std::memcpy(g_arrHostTable, table, sizeof(g_arrHostTable));
-}
+void KeepHostTable(const zelvar::HostFunction* table) { g_sHost.Adopt(table); }
 
-const zelvar::HostFunction* HostTable() { return g_arrHostTable; }
+const zelvar::HostFunction* HostTable() { return g_sHost.Table(); }
 
 void HostLog(int level, const std::string& line) {
-  auto getLevel = HostSlot<zelvar::GetLogLevelFn>(zelvar::kSlotGetLogLevel);
-  if (getLevel == nullptr || getLevel() > level) return;
-  HostSlot<zelvar::LogFn>(zelvar::kSlotLog)(level, "controlplane: %s", line.c_str());
+  if (g_sHost.LogEnabled(level)) zelvar::HostLogText(g_sHost.Table(), level, ("controlplane: " + line).c_str());
 }
 
-std::string HostConfigString(const char* section, const char* key) {
-  const char* value = HostSlot<zelvar::GetConfigStringFn>(zelvar::kSlotGetConfigString)(section, key, "");
-  return value != nullptr ? value : "";
-}
+std::string HostConfigString(const char* section, const char* key) { return g_sHost.GetConfigString(section, key, ""); }
 
-int HostConfigInt(const char* section, const char* key, int dflt) {
-  return HostSlot<zelvar::GetConfigIntFn>(zelvar::kSlotGetConfigInt)(section, key, dflt);
-}
+int HostConfigInt(const char* section, const char* key, int dflt) { return g_sHost.GetConfigInt(section, key, dflt); }
 
-int64_t HostNow() {
-  const int64_t* now = HostSlot<zelvar::GetNowFn>(zelvar::kSlotGetNow)();
-  return now != nullptr ? *now : 0;
-}
+int64_t HostNow() { return g_sHost.Now(); }
 
 }  // namespace controlplane

@@ -1,12 +1,12 @@
-// The control plane's view of the host: the 44-slot table it was handed, and
-// the few services it uses, with the argument conventions in one place.
+// The control plane's view of the host: its copy of the 44-slot table
+// (zelvar/host_table.h) and the few services it uses.
 #ifndef OVITA2_CONTROLPLANE_HOST_ACCESS_H
 #define OVITA2_CONTROLPLANE_HOST_ACCESS_H
 
 #include <cstdint>
 #include <string>
 
-#include "zelvar/host_interface.h"
+#include "zelvar/host_table.h"
 
 namespace controlplane {
 

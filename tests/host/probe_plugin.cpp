@@ -93,13 +93,10 @@ int OnDisconnect(uint64_t connA, uint64_t connB) { return g_control.disconnects.
 int OnDataIn(uint64_t connA, uint64_t connB, zelvar::ZMessage** messageOut, zelvar::StateMachine** machineOut) {
   bufferevent* bev = Host<zelvar::GetConnectionBevFn>(zelvar::kSlotGetConnectionBev)(connA, connB);
   evbuffer* input = bufferevent_get_input(bev);
-  unsigned char prefix[zelvar::kFramePrefixSize];
-  if (evbuffer_copyout(input, prefix, sizeof prefix) < static_cast<ssize_t>(sizeof prefix)) return 100;
-  size_t size = zelvar::FrameBodyLength(prefix);
-  if (evbuffer_get_length(input) < sizeof prefix + size) return 100;
+  const zelvar::FrameCut cut = zelvar::CutFrame(input);
+  if (cut.outcome == zelvar::FrameCut::kNeedMore) return 100;
   auto* message = new zelvar::ZMessage();
-  bool parsed = message->ParseFromArray(evbuffer_pullup(input, sizeof prefix + size) + sizeof prefix, size);
-  evbuffer_drain(input, sizeof prefix + size);
+  bool parsed = cut.outcome == zelvar::FrameCut::kOneFrame && zelvar::TakeFrame(input, cut, message);
   if (parsed && message->head().session() == "flood") {  // a reply, then -1 as for a message no machine takes
     std::string reply(ConfigInt("flood_bytes"), '\0');
     for (size_t i = 0; i < reply.size(); ++i) reply[i] = static_cast<char>(i % 251);

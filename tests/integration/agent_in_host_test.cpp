@@ -39,12 +39,10 @@ struct FakeServices {
     if (accepted >= 0) inputs[accepted];
     for (auto& [fd, input] : inputs) {
       ovita2::testing::ReadAvailable(fd, &input);  // a peer that left is closed with the rest, at the end
-      while (input.size() >= zelvar::kFramePrefixSize) {
-        size_t length = zelvar::FrameBodyLength(reinterpret_cast<const unsigned char*>(input.data()));
-        if (input.size() < zelvar::kFramePrefixSize + length) break;
+      for (zelvar::FrameCut cut; (cut = zelvar::CutFrame(input.data(), input.size())).outcome == cut.kOneFrame;) {
         zelvar::ZMessage request, reply;
-        request.ParseFromArray(input.data() + zelvar::kFramePrefixSize, static_cast<int>(length));
-        input.erase(0, zelvar::kFramePrefixSize + length);
+        request.ParseFromArray(input.data() + zelvar::kFramePrefixSize, static_cast<int>(cut.bodySize));
+        input.erase(0, cut.FrameSize());
         if (Answer(request, &reply)) ovita2::testing::SendAll(fd, zelvar::EncodeFrame(reply));
       }
     }
@@ -216,8 +214,7 @@ TEST_F(AgentInHost, AnItemEnabledOnTheListeningPortHasTheCompleteLinesOfItsScrip
   std::string answer;
   ASSERT_TRUE(Until([&] {
     ovita2::testing::ReadAvailable(client.fd, &answer);
-    const auto* prefix = reinterpret_cast<const unsigned char*>(answer.data());
-    return answer.size() >= 4 && answer.size() >= 4 + zelvar::FrameBodyLength(prefix);
+    return zelvar::CutFrame(answer.data(), answer.size()).outcome == zelvar::FrameCut::kOneFrame;
   }));
   ASSERT_TRUE(reply.ParseFromString(answer.substr(4)));
   const auto& rc = reply.body().GetExtension(ov::enable_real_time_monitor_response).rc();

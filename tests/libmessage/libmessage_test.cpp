@@ -1,10 +1,13 @@
-// libmessage: the machine runtime and machine types.
+// libmessage: the machine runtime, machine types and the frame codec.
+#include <event2/buffer.h>
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 
 #include <memory>
 #include <sstream>
 #include <tuple>
 
+#include "zelvar/frame.h"
 #include "zelvar/long_action.h"
 #include "zelvar/machine_factory.h"
 #include "zelvar/machine_runtime.h"
@@ -147,6 +150,31 @@ TEST(MachineFactoryDeathTest, TwoCreatorsForOneTypeStopTheProcess) {
   MachineCreator create = [] { return static_cast<StateMachine*>(new ScriptedMachine({})); };
   MachineFactory::AddMachine(kScriptedType, create);
   EXPECT_DEATH(MachineFactory::AddMachine(kScriptedType, create), "machine type 4242001 registered twice");
+}
+
+// The flat and the evbuffer cut agree on every stream and name the body of
+// its first frame only. The frames past the bound are mapped, never touched.
+TEST(Frame, CutWaitsForWholeFramesAndRefusesOnlyWholeFramesPastTheBound) {
+  auto cut = [](const void* bytes, size_t size) {
+    std::unique_ptr<evbuffer, void (*)(evbuffer*)> input(evbuffer_new(), evbuffer_free);
+    evbuffer_add_reference(input.get(), bytes, size, nullptr, nullptr);
+    auto said = [](FrameCut cut) { return std::to_string(cut.outcome) + ":" + std::to_string(cut.bodySize); };
+    EXPECT_EQ(said(CutFrame(input.get())), said(CutFrame(bytes, size)));
+    return said(CutFrame(bytes, size));
+  };
+  const std::string stream("\0\0\0\0\0\0\0\2xy\xff\xff\xff\xfc\0\0\0\0", 18);
+  const std::tuple<size_t, size_t, std::string> cases[] = {
+      {0, 3, "0:0"}, {0, 10, "2:0"}, {4, 5, "0:0"}, {4, 6, "2:2"}, {10, 8, "0:0"}};  // the last does not wrap
+  for (const auto& [from, size, said] : cases) EXPECT_EQ(cut(stream.data() + from, size), said) << from;
+
+  const size_t past = kFrameMaxSize + 1;
+  void* mapped = mmap(nullptr, past, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+  ASSERT_NE(mapped, MAP_FAILED);
+  PutFramePrefix(past - kFramePrefixSize, static_cast<unsigned char*>(mapped));
+  EXPECT_EQ(cut(mapped, past), "1:0");
+  PutFramePrefix(past - kFramePrefixSize - 1, static_cast<unsigned char*>(mapped));
+  EXPECT_EQ(cut(mapped, past), "2:" + std::to_string(kFrameMaxSize - kFramePrefixSize));
+  munmap(mapped, past);
 }
 
 }  // namespace

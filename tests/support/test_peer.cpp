@@ -37,14 +37,8 @@ std::string TestPeer::ReadRaw() {
 
 bool TestPeer::ReadFrame(zelvar::ZMessage* message) {
   evbuffer* input = bufferevent_get_input(m_pTestSide);
-  const unsigned char* prefix = evbuffer_pullup(input, zelvar::kFramePrefixSize);
-  if (prefix == nullptr) return false;
-  size_t length = zelvar::FrameBodyLength(prefix);
-  const unsigned char* frame = evbuffer_pullup(input, static_cast<ev_ssize_t>(zelvar::kFramePrefixSize + length));
-  if (frame == nullptr) return false;  // not complete yet
-  bool parsed = message->ParseFromArray(frame + zelvar::kFramePrefixSize, static_cast<int>(length));
-  evbuffer_drain(input, zelvar::kFramePrefixSize + length);
-  return parsed;
+  const zelvar::FrameCut cut = zelvar::CutFrame(input);
+  return cut.outcome == zelvar::FrameCut::kOneFrame && zelvar::TakeFrame(input, cut, message);
 }
 
 void TestPeer::WriteRaw(const std::string& bytes) { bufferevent_write(m_pTestSide, bytes.data(), bytes.size()); }

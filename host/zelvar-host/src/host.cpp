@@ -53,7 +53,22 @@ bool Host::Init(const std::string& configPath, std::string* error) {
   m_sLogger.SetThreshold(m_sSettings.log_level);
   signal(SIGPIPE, SIG_IGN);
   RaiseDescriptorLimit();
+  if (!CreateLoop(error)) {
+    Shutdown();
+    return false;
+  }
+  CreateServices();
+  if (!StartServing(error)) {
+    Shutdown();
+    return false;
+  }
+  m_bStarted = true;
+  m_sLogger.Log(Logger::kInfo, "zelvar-host started with %zu plug-in(s) from %s", m_vecPlugins.size(),
+                configPath.c_str());
+  return true;
+}
 
+bool Host::CreateLoop(std::string* error) {
   event_config* eventConfig = event_config_new();
   // Check for I/O after every few callbacks, so machines that keep posting to
   // each other cannot starve the sockets.
@@ -63,7 +78,6 @@ bool Host::Init(const std::string& configPath, std::string* error) {
   event_config_free(eventConfig);
   if (m_pBase == nullptr) {
     *error = "cannot create the event loop";
-    Shutdown();
     return false;
   }
   m_pClock = std::make_unique<LoopClock>(m_pBase);
@@ -83,7 +97,10 @@ bool Host::Init(const std::string& configPath, std::string* error) {
   event* reopen = evsignal_new(m_pBase, SIGHUP, &Host::OnReopenSignal, this);
   event_add(reopen, nullptr);
   m_vecEvents.push_back(reopen);
+  return true;
+}
 
+void Host::CreateServices() {
   m_pLongActions = std::make_unique<LongActionExecutor>(
       m_pBase, &m_sLogger, m_sSettings.long_action, [this](uint32_t machineId, zelvar::LongActionResult* record) {
         m_pRuntime->PostById(machineId, zelvar::LongActionEvent(record));
@@ -96,22 +113,19 @@ bool Host::Init(const std::string& configPath, std::string* error) {
   m_pConnections = std::make_unique<ConnectionManager>(
       m_pBase, &m_sLogger, &m_vecPlugins, m_sSettings.connection_limits,
       [this](zelvar::ZMessage* message, zelvar::StateMachine* machine) { PostMessage(message, machine, 0); });
+}
 
+bool Host::StartServing(std::string* error) {
   if (m_sSettings.listen_port != 0 &&
       !m_pConnections->Listen(m_sSettings.listen_ip, m_sSettings.listen_port, error)) {
-    Shutdown();
     return false;
   }
   if (!LoadPlugins(error)) {
     if (!m_sSettings.log_file.empty()) m_sLogger.Write(Logger::kError, *error);
-    Shutdown();
     return false;
   }
   ArmRoutineTimer();
   ArmDeadlineTimer();
-  m_bStarted = true;
-  m_sLogger.Log(Logger::kInfo, "zelvar-host started with %zu plug-in(s) from %s", m_vecPlugins.size(),
-                configPath.c_str());
   return true;
 }
 

@@ -96,6 +96,10 @@ class Host {
   int DeliverRecord(unsigned machineId, void* record, void (*drop)(void*));
 
  private:
+  // The steps of Init, in order.
+  bool CreateLoop(std::string* error);
+  void CreateServices();
+  bool StartServing(std::string* error);
   bool LoadPlugins(std::string* error);
   void ArmRoutineTimer();
   void ArmDeadlineTimer();

@@ -1,6 +1,13 @@
-// The frame every envelope travels in on a connection: a 4-byte big-endian
-// length, then that many bytes of a serialised zelvar::ZMessage. Nothing else
-// is on the stream.
+// The frame every envelope travels in on a connection, frames back to back
+// with nothing between them:
+//
+//   | offset | size | field                                                   |
+//   |--------|------|---------------------------------------------------------|
+//   | 0      | 4    | N, unsigned 32-bit big-endian; does not count itself    |
+//   | 4      | N    | zelvar.ZMessage, protobuf binary encoding               |
+//
+// Every reader cuts frames with CutFrame, so that all of them agree on when a
+// frame is complete and which frames are refused.
 #ifndef ZELVAR_FRAME_H
 #define ZELVAR_FRAME_H
 
@@ -10,9 +17,15 @@
 
 #include "zelvar/message.pb.h"
 
+struct evbuffer;
+
 namespace zelvar {
 
 constexpr size_t kFramePrefixSize = 4;
+// The longest frame, prefix included, that a reader takes: parsers and input
+// streams count positions in signed 32 bits. The host bounds a connection's
+// input far below this, so only a lying prefix reaches it.
+constexpr uint64_t kFrameMaxSize = 0x7FFFFFFF;
 
 // The body length a frame's prefix announces.
 inline uint32_t FrameBodyLength(const unsigned char* prefix) {
@@ -33,6 +46,30 @@ inline std::string EncodeFrame(const ZMessage& message) {
   PutFramePrefix(static_cast<uint32_t>(frame.size() - kFramePrefixSize), reinterpret_cast<unsigned char*>(&frame[0]));
   return frame;
 }
+
+// What the front of a byte stream holds.
+struct FrameCut {
+  enum Outcome {
+    kNeedMore,  // the prefix or the body is not all here yet
+    kBadFrame,  // the stream cannot go on: a frame over kFrameMaxSize, or an unreadable buffer
+    kOneFrame,  // one whole frame starts the stream
+  };
+  Outcome outcome;
+  size_t bodySize;  // of the first frame, when kOneFrame
+
+  size_t FrameSize() const { return kFramePrefixSize + bodySize; }
+};
+
+// Completeness is decided before the bound: a prefix near 0xFFFFFFFF waits
+// for bytes that never come rather than being refused, as readers always did;
+// the host's input limit ends such a connection. Nothing is consumed.
+FrameCut CutFrame(const void* bytes, size_t size);
+FrameCut CutFrame(evbuffer* input);
+
+// Parses the body of the frame `cut` found at the front of `input` into
+// `message` and drains the frame, whether or not the body parsed. Makes the
+// body contiguous first; readers that must not copy parse in place instead.
+bool TakeFrame(evbuffer* input, const FrameCut& cut, ZMessage* message);
 
 }  // namespace zelvar
 
