@@ -4,6 +4,8 @@
 #include <limits>
 #include <utility>
 
+#include "zelvar/string_util.h"
+
 namespace controlplane {
 namespace catalogue {
 namespace {
@@ -17,16 +19,7 @@ std::string Join(const std::vector<std::string>& names) {
 // Digits only: YAML would also read "+5", "0x1F" or "1e3" as numbers, but in
 // a job id or an interval such spellings are far likelier slips than intents.
 bool ParseDecimal(const std::string& text, uint64_t max, uint64_t* value) {
-  if (text.empty()) return false;
-  uint64_t parsed = 0;
-  for (char digit : text) {
-    if (digit < '0' || digit > '9') return false;
-    const uint64_t next = static_cast<uint64_t>(digit - '0');
-    if (parsed > (max - next) / 10) return false;
-    parsed = parsed * 10 + next;
-  }
-  *value = parsed;
-  return true;
+  return zelvar::ParseInteger(text, value, 0, max) == zelvar::IntegerParse::kOk;
 }
 
 }  // namespace

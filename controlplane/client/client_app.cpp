@@ -11,6 +11,7 @@
 
 #include "client/agent_link.h"
 #include "client/read_commands.h"
+#include "zelvar/string_util.h"
 
 namespace controlplane {
 namespace {
@@ -26,15 +27,10 @@ struct SwitchOptions {
 CLI::Validator UnsignedDecimal(uint64_t largest) {
   return CLI::Validator(
       [largest](std::string& text) -> std::string {
-        if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos) {
-          return "'" + text + "' is not an unsigned decimal number";
-        }
         uint64_t value = 0;
-        for (char digit : text) {
-          const auto next = static_cast<uint64_t>(digit - '0');
-          if (value > (largest - next) / 10) return "'" + text + "' is larger than " + std::to_string(largest);
-          value = value * 10 + next;
-        }
+        const zelvar::IntegerParse parse = zelvar::ParseInteger(text, &value, 0, largest);
+        if (parse == zelvar::IntegerParse::kNotAnInteger) return "'" + text + "' is not an unsigned decimal number";
+        if (parse == zelvar::IntegerParse::kOutOfRange) return "'" + text + "' is larger than " + std::to_string(largest);
         text = std::to_string(value);
         return std::string();
       },
