@@ -8,6 +8,8 @@
 #include <climits>
 #include <cstdlib>
 
+#include "zelvar/string_util.h"
+
 namespace controlplane {
 namespace {
 
@@ -45,16 +47,6 @@ std::string HostName() {
 
 bool IsWildcard(const std::string& ip) { return ip.empty() || ip == "0.0.0.0" || ip == "::" || ip == "[::]"; }
 
-// A whole decimal number in [low, high], or false.
-bool ParseBounded(const std::string& text, long low, long high, long* value) {
-  if (text.empty()) return false;
-  char* end = nullptr;
-  long parsed = std::strtol(text.c_str(), &end, 10);
-  if (*end != '\0' || parsed < low || parsed > high) return false;
-  *value = parsed;
-  return true;
-}
-
 bool IsRegistryFolder(const std::string& path) {
   return path.size() > 1 && path[0] == '/' && path.back() != '/' && path.find("//") == std::string::npos;
 }
@@ -74,7 +66,7 @@ bool ReadEndpoint(const ConfigReader& read, Endpoint* self, std::string* error) 
     return false;
   }
   long port = 0;
-  if (!ParseBounded(read("network", "listen-port"), 1, 65535, &port)) {
+  if (zelvar::ParseInteger(read("network", "listen-port"), &port, 1, 65535) != zelvar::IntegerParse::kOk) {
     *error = "[network] listen-port must be set to a port (1-65535): the control plane answers there";
     return false;
   }
@@ -120,7 +112,7 @@ bool ReadPluginSettings(const ConfigReader& read, const std::string& configPath,
   }
   std::string keepDays = read(kSection, "keep_days");
   long days = settings.keep_days;
-  if (!keepDays.empty() && !ParseBounded(keepDays, 0, 36500, &days)) {
+  if (!keepDays.empty() && zelvar::ParseInteger(keepDays, &days, 0, 36500) != zelvar::IntegerParse::kOk) {
     *error = "[controlplane] keep_days must be a number of days from 0 (keep everything) to 36500, not \"" +
              keepDays + "\"";
     return false;

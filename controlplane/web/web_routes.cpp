@@ -1,6 +1,5 @@
 #include "web/web_routes.h"
 
-#include <cerrno>
 #include <cstdlib>
 #include <fstream>
 #include <limits>
@@ -8,6 +7,7 @@
 #include <sstream>
 
 #include "web/metrics_exposition.h"
+#include "zelvar/string_util.h"
 
 namespace controlplane {
 namespace {
@@ -46,12 +46,7 @@ bool NumberParam(const QueryParams& params, const char* name, int64_t low, int64
     *value = dflt;
     return true;
   }
-  char* end = nullptr;
-  errno = 0;
-  long long parsed = std::strtoll(text.c_str(), &end, 10);
-  if (errno != 0 || *end != '\0' || parsed < low || parsed > high) return false;
-  *value = parsed;
-  return true;
+  return zelvar::ParseInteger(text, value, low, high) == zelvar::IntegerParse::kOk;
 }
 
 WebReply BadParam(const char* name, const std::string& what) {

@@ -7,6 +7,7 @@
 
 #include "common/zk_answer.h"
 #include "zelvar/kadri.pb.h"
+#include "zelvar/string_util.h"
 
 namespace zelvar::registry {
 
@@ -31,9 +32,8 @@ bool EmbeddedRegistry::EncodeAddress(const std::string& address, std::string* en
   std::string ip = address.substr(0, colon);
   if (ip.size() >= 2 && ip.front() == '[' && ip.back() == ']') ip = ip.substr(1, ip.size() - 2);
   std::string portText = address.substr(colon + 1);
-  char* end = nullptr;
-  long port = strtol(portText.c_str(), &end, 10);
-  if (ip.empty() || *end != '\0' || port <= 0 || port > 65535) return false;
+  uint16_t port = 0;
+  if (ip.empty() || zelvar::ParseInteger(portText, &port, 1, 65535) != zelvar::IntegerParse::kOk) return false;
   kadri::NameNodeContent content;
   content.set_ip(ip);
   content.set_port(static_cast<int32_t>(port));

@@ -47,8 +47,8 @@ struct ProbeHost {
 
 TEST(HostConfig, ReadsValuesOrNamesTheBadLine) {
   const std::pair<std::string, std::string> cases[] = {  // [c] k as text and number (7 when none), or the error
-      {"[c]\nk = /ovita2/a-1.b\n", "/ovita2/a-1.b 7"}, {"[c]\nk = 42\nx = 1\n", "42 42"}, {"[c]\nk = 4x\n", "4x 7"},
-      {"[c]\nother = 1\n", " 7"}, {"[c]\nk = a\nk = b\n", "a\nb 7"},
+      {"[c]\nk = /ovita2/a-1.b\n", "/ovita2/a-1.b 7"}, {"[c]\nk = -42\nx = 1\n", "-42 -42"}, {"[c]\nk = 4x\n", "4x 7"},
+      {"[c]\nother = 1\n", " 7"}, {"[c]\nk = a\nk = b\n", "a\nb 7"}, {"[c]\nk = 2147483648\n", "2147483648 7"},
       {"[c]\nk = " + std::string(300, 'x') + "\n", "t.ini:2: line is longer than 199 characters"},
   };
   for (const auto& c : cases) {

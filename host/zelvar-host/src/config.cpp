@@ -8,9 +8,9 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <climits>
-#include <cstdlib>
 #include <cstring>
+
+#include "zelvar/string_util.h"
 
 namespace zelvar_host {
 
@@ -133,14 +133,8 @@ const char* Config::GetString(const char* section, const char* key, const char* 
 int Config::GetInt(const char* section, const char* key, int dflt) const {
   const std::string* value = Find(section, key);
   if (value == nullptr || value->empty()) return dflt;
-  errno = 0;
-  char* end = nullptr;
-  long parsed = std::strtol(value->c_str(), &end, 10);
-  while (end != nullptr && (*end == ' ' || *end == '\t')) ++end;
-  if (errno != 0 || end == value->c_str() || *end != '\0' || parsed < INT_MIN || parsed > INT_MAX) {
-    return dflt;
-  }
-  return static_cast<int>(parsed);
+  int parsed = 0;
+  return zelvar::ParseInteger(*value, &parsed) == zelvar::IntegerParse::kOk ? parsed : dflt;
 }
 
 bool Config::Has(const std::string& section, const std::string& key) const {

@@ -3,6 +3,7 @@
 #include <climits>
 
 #include "config.h"
+#include "zelvar/string_util.h"
 
 namespace zelvar_host {
 namespace {
@@ -12,19 +13,11 @@ bool ReadRange(const Config& config, const char* section, const char* key,
                long long low, long long high, long long* value, std::string* error) {
   if (!config.Has(section, key)) return true;
   std::string text = config.GetString(section, key, nullptr);
-  size_t used = 0;
-  long long parsed = 0;
-  try {
-    parsed = std::stoll(text, &used, 10);
-  } catch (...) {
-    used = 0;
-  }
-  if (used == 0 || used != text.size() || parsed < low || parsed > high) {
+  if (zelvar::ParseInteger(text, value, low, high) != zelvar::IntegerParse::kOk) {
     *error = config.Path() + ": [" + section + "] " + key + " = \"" + Config::Clip(text) +
              "\" must be a whole number from " + std::to_string(low) + " to " + std::to_string(high);
     return false;
   }
-  *value = parsed;
   return true;
 }
 
