@@ -39,7 +39,6 @@ void ConnectionManager::Free(std::unique_ptr<Connection> connection, const char*
     m_pLog->Log(Logger::kError, "%zu bytes queued for %s were not sent: %s", unsent, Describe(*connection).c_str(),
                 why);
   }
-  if (connection->flush_deadline != nullptr) event_free(connection->flush_deadline);
   bufferevent_free(connection->bev);
   RequestTrim(connection->peak);
 }
@@ -66,11 +65,11 @@ void ConnectionManager::CloseFlushing(Connection* connection, int level, const s
   bufferevent_setcb(bev, &ConnectionManager::OnFlushRead, &ConnectionManager::OnFlushed,
                     &ConnectionManager::OnFlushEvent, raw);
   bufferevent_setwatermark(bev, EV_WRITE, 0, 0);
-  bufferevent_set_timeouts(bev, nullptr, nullptr);
+  // A write timeout restarts with every write, so it measures the peer's
+  // progress rather than the time since the close.
+  timeval stalled{kFlushSeconds, 0};
+  bufferevent_set_timeouts(bev, nullptr, &stalled);
   bufferevent_enable(bev, EV_READ | EV_WRITE);
-  raw->flush_deadline = evtimer_new(m_pBase, &ConnectionManager::OnFlushDeadline, raw);
-  timeval limit{kFlushSeconds, 0};
-  evtimer_add(raw->flush_deadline, &limit);
   m_mapFlushing.emplace(raw->serial, std::move(owned));
 }
 
@@ -93,15 +92,14 @@ void ConnectionManager::OnFlushed(bufferevent*, void* arg) {
 // The peer's end of input is no reason to stop: it may still read.
 void ConnectionManager::OnFlushEvent(bufferevent*, short what, void* arg) {
   auto* connection = static_cast<Connection*>(arg);
+  if (what & BEV_EVENT_TIMEOUT) {
+    static const std::string why = "nothing could be sent for " + std::to_string(kFlushSeconds) + " s";
+    connection->owner->EndFlush(connection, why.c_str());
+    return;
+  }
   if (!(what & BEV_EVENT_ERROR)) return;
   int error = EVUTIL_SOCKET_ERROR();
   connection->owner->EndFlush(connection, error != 0 ? evutil_socket_error_to_string(error) : "socket error");
-}
-
-void ConnectionManager::OnFlushDeadline(int, short, void* arg) {
-  auto* connection = static_cast<Connection*>(arg);
-  static const std::string why = "not sent within " + std::to_string(kFlushSeconds) + " s of the close";
-  connection->owner->EndFlush(connection, why.c_str());
 }
 
 void ConnectionManager::CloseAll() {

@@ -34,9 +34,11 @@
 //
 // Closing: the host closes a connection of its own accord (a plug-in's -1,
 // the bounds above) by first sending what is queued for it, reading and
-// discarding input meanwhile, for at most kFlushSeconds; what is still unsent
-// then, or whenever a connection ends with queued output, is logged at the
-// error level with its address and byte count.
+// discarding input meanwhile, for as long as the peer keeps taking bytes: it
+// is cut when nothing could be written for kFlushSeconds (a slow reader still
+// gets everything, one that stopped reading does not hold the memory). What is
+// still unsent then, or whenever a connection ends with queued output, is
+// logged at the error level with its address and byte count.
 //
 // Outbound: ConnectTo reuses a live connection (connected or still
 // connecting) to the same ip:port, or starts a non-blocking connect and returns
@@ -122,7 +124,6 @@ class ConnectionManager {
     size_t peak = 0;           // largest input or output length seen
     bool spoke = false;        // delivered a message
     bool timed = false;        // the idle timeout is armed
-    event* flush_deadline = nullptr;  // while flushing after the host closed it
   };
   enum class Step { kDelivered, kNeedMore, kFailed };
 
@@ -156,7 +157,6 @@ class ConnectionManager {
   static void OnFlushRead(bufferevent* bev, void* arg);
   static void OnFlushed(bufferevent* bev, void* arg);
   static void OnFlushEvent(bufferevent* bev, short what, void* arg);
-  static void OnFlushDeadline(int, short, void* arg);
 
   event_base* m_pBase;
   Logger* m_pLog;
