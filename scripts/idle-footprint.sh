@@ -8,9 +8,10 @@
 # Builds zelvar-host and the plug-ins in Release in build/bench, starts a
 # control plane and an agent configured as scripts/demo.sh does, lets the
 # agent settle, then measures the agent's host twice over SECONDS: first
-# undisturbed (CPU from /proc/PID/stat, wake-ups from schedstat and the
-# context switches of every thread, PSS from smaps_rollup), then under
-# strace -c -f for the system calls by name.
+# undisturbed (CPU time and wake-ups from every thread's schedstat, context
+# switches from their status, PSS from smaps_rollup), then under strace -c -f
+# for the system calls by name. OVITA2_IDLE_LOG_LEVEL sets the agent host's
+# log level (default 1, as in the demo).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$PWD
@@ -60,7 +61,7 @@ EOF
 cat >"$run_dir/agent.ini" <<EOF
 [host]
 log_file = agent.log
-log_level = 1
+log_level = ${OVITA2_IDLE_LOG_LEVEL:-1}
 [network]
 listen-ip = 127.0.0.1
 listen-port = $agent_port
@@ -87,16 +88,16 @@ agent=$!
 pids+=($agent)
 sleep "$settle"
 
-ticks=$(getconf CLK_TCK)
-cpu_ticks() { awk '{ print $14 + $15 }' "/proc/$agent/stat"; }
-# Times every thread was put on a CPU (schedstat's third field), and its
-# voluntary and involuntary context switches.
+# Nanoseconds on a CPU (schedstat's first field; /proc/PID/stat counts in
+# 10 ms ticks, too coarse for an idle minute) and times put on a CPU (its
+# third) of every thread, and their context switches.
+cpu_ns() { cat /proc/$agent/task/*/schedstat | awk '{ n += $1 } END { printf "%d", n }'; }
 slices() { cat /proc/$agent/task/*/schedstat | awk '{ n += $3 } END { print n }'; }
 switches() { cat /proc/$agent/task/*/status | awk '/ctxt_switches/ { n += $2 } END { print n }'; }
 
-cpu0=$(cpu_ticks) slices0=$(slices) switches0=$(switches)
+cpu0=$(cpu_ns) slices0=$(slices) switches0=$(switches)
 sleep "$seconds"
-cpu1=$(cpu_ticks) slices1=$(slices) switches1=$(switches)
+cpu1=$(cpu_ns) slices1=$(slices) switches1=$(switches)
 pss=$(awk '/^Pss:/ { print $2 }' "/proc/$agent/smaps_rollup")
 private=$(awk '/^Private_(Clean|Dirty):/ { n += $2 } END { print n }' "/proc/$agent/smaps_rollup")
 threads=$(ls "/proc/$agent/task" | wc -l)
@@ -107,10 +108,10 @@ sleep "$seconds"
 kill -INT "$tracer"
 wait "$tracer" 2>/dev/null || true
 
-awk -v s="$seconds" -v t="$ticks" -v c0="$cpu0" -v c1="$cpu1" -v w0="$slices0" -v w1="$slices1" \
+awk -v s="$seconds" -v c0="$cpu0" -v c1="$cpu1" -v w0="$slices0" -v w1="$slices1" \
   -v x0="$switches0" -v x1="$switches1" -v pss="$pss" -v priv="$private" -v threads="$threads" 'BEGIN {
   per = 60 / s
-  printf "idle agent host CPU per minute          %8.1f ms   goal <= 10 ms (collectd 10.7, zabbix_agentd 20.7, published)\n", (c1 - c0) * 1000 / t * per
+  printf "idle agent host CPU per minute          %8.1f ms   goal <= 10 ms (collectd 10.7, zabbix_agentd 20.7, published)\n", (c1 - c0) / 1e6 * per
   printf "idle agent host wake-ups per minute     %8.1f      (schedstat; %.1f context switches)\n", (w1 - w0) * per, (x1 - x0) * per
   printf "idle agent host PSS                     %8.2f MiB  goal <= 4 MiB (private %.2f MiB, %d threads)\n", pss / 1024, priv / 1024, threads
 }'
