@@ -6,94 +6,26 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <functional>
 #include <limits>
-#include <utility>
+
+#include "store/schema.h"
+#include "store/sqlite_statement.h"
 
 namespace controlplane {
 namespace {
 
-// The layout this code writes, kept in PRAGMA user_version. A database from a
-// newer program may hold tables or meanings this one would misread or damage.
-constexpr int64_t kSchemaVersion = 1;
+using store::CheckReadable;
+using store::Failure;
+using store::NotOpen;
+using store::PrepareForWriting;
+using store::RunQuery;
+using store::RunWrite;
+using store::SetError;
+using store::Statement;
 
 // The plug-in writes while the client reads; a connection that finds the
 // database locked waits this long before it gives up.
 constexpr int kBusyTimeoutMs = 5000;
-
-// AUTOINCREMENT: an id is never handed out twice, even after Prune emptied a
-// table. A follower remembers the last id it showed and asks for larger ones;
-// reused lower ids would be rows it never shows.
-// The non-applicable columns of a sample (value of a text sample, text of a
-// numeric one) stay NULL.
-constexpr const char* kCreateSchema = R"sql(
-CREATE TABLE agents (
-  name TEXT PRIMARY KEY NOT NULL CHECK (name <> ''),
-  node_path TEXT NOT NULL DEFAULT '',
-  address TEXT NOT NULL DEFAULT '',
-  first_seen INTEGER NOT NULL,
-  last_seen INTEGER NOT NULL,
-  last_heartbeat INTEGER NOT NULL DEFAULT 0,
-  version TEXT NOT NULL DEFAULT '',
-  job_count INTEGER NOT NULL DEFAULT 0
-);
-CREATE TABLE samples (
-  id INTEGER PRIMARY KEY AUTOINCREMENT,
-  received_at INTEGER NOT NULL,
-  agent TEXT NOT NULL CHECK (agent <> ''),
-  is_text INTEGER NOT NULL CHECK (is_text IN (0, 1)),
-  name TEXT NOT NULL,
-  object_id INTEGER,
-  stat_item INTEGER,
-  value INTEGER,
-  job_id INTEGER,
-  text_value TEXT,
-  sample_time INTEGER
-);
-CREATE INDEX samples_by_agent ON samples (agent, id);
-CREATE INDEX samples_by_object ON samples (object_id, id);
-CREATE INDEX samples_by_name ON samples (name, id);
-CREATE INDEX samples_by_received_at ON samples (received_at);
-CREATE TABLE real_time_lines (
-  id INTEGER PRIMARY KEY AUTOINCREMENT,
-  received_at INTEGER NOT NULL,
-  agent TEXT NOT NULL CHECK (agent <> ''),
-  line TEXT NOT NULL
-);
-CREATE INDEX real_time_lines_by_agent ON real_time_lines (agent, id);
-CREATE INDEX real_time_lines_by_received_at ON real_time_lines (received_at);
-)sql";
-
-// Added to databases of any age when opened for writing; older programs
-// reading or writing the same file keep working, the trigger keeps the table
-// true for them too. The latest value of every series is read on each scrape
-// of /metrics, so it is kept up to date on insert rather than searched for
-// among all samples; a series' chart reads its range through the index.
-constexpr const char* kCreateLatestValues = R"sql(
-CREATE TABLE latest_samples (
-  agent TEXT NOT NULL,
-  object_id INTEGER NOT NULL,
-  name TEXT NOT NULL,
-  stat_item INTEGER NOT NULL,
-  sample_id INTEGER NOT NULL,
-  received_at INTEGER NOT NULL,
-  value INTEGER NOT NULL,
-  PRIMARY KEY (agent, object_id, name, stat_item)
-) WITHOUT ROWID;
-INSERT INTO latest_samples
-  SELECT agent, object_id, name, stat_item, max(id), received_at, value FROM samples
-  WHERE is_text = 0 AND object_id IS NOT NULL GROUP BY agent, object_id, name, stat_item;
-CREATE TRIGGER IF NOT EXISTS samples_keep_latest AFTER INSERT ON samples
-  WHEN NEW.is_text = 0 AND NEW.object_id IS NOT NULL
-BEGIN
-  INSERT INTO latest_samples VALUES (NEW.agent, NEW.object_id, NEW.name, NEW.stat_item, NEW.id, NEW.received_at,
-                                     NEW.value)
-    ON CONFLICT DO UPDATE SET sample_id = excluded.sample_id, received_at = excluded.received_at,
-                              value = excluded.value;
-END;
-CREATE INDEX IF NOT EXISTS samples_by_series ON samples (agent, object_id, name, stat_item, received_at)
-  WHERE is_text = 0;
-)sql";
 
 constexpr const char* kSelectLatest =
     "SELECT agent, object_id, name, stat_item, received_at, value FROM latest_samples";
@@ -131,201 +63,6 @@ constexpr const char* kRecordHeartbeat =
 constexpr const char* kSelectAgents =
     "SELECT name, node_path, address, first_seen, last_seen, last_heartbeat, version, job_count"
     " FROM agents ORDER BY name";
-
-// One prepared statement; parameters are bound by name. The first failure
-// (preparing or binding) is kept and reported by Step, so a caller checks once.
-class Statement {
- public:
-  Statement(sqlite3* pDb, const std::string& sql) {
-    m_iFirstError = sqlite3_prepare_v2(pDb, sql.c_str(), -1, &m_pStmt, nullptr);
-  }
-  ~Statement() { sqlite3_finalize(m_pStmt); }
-  Statement(const Statement&) = delete;
-  Statement& operator=(const Statement&) = delete;
-
-  void Bind(const char* name, int64_t value) {
-    if (m_pStmt != nullptr) Keep(sqlite3_bind_int64(m_pStmt, Index(name), value));
-  }
-  void Bind(const char* name, const std::string& value) {
-    if (m_pStmt != nullptr) {
-      Keep(sqlite3_bind_text64(m_pStmt, Index(name), value.data(), value.size(), SQLITE_TRANSIENT, SQLITE_UTF8));
-    }
-  }
-  void BindNull(const char* name) {
-    if (m_pStmt != nullptr) Keep(sqlite3_bind_null(m_pStmt, Index(name)));
-  }
-
-  // SQLITE_ROW, SQLITE_DONE, or the error that stopped it.
-  int Step() { return m_iFirstError != SQLITE_OK ? m_iFirstError : sqlite3_step(m_pStmt); }
-  // Ready for the next row of a batch, with no value left over from this one.
-  void Reset() {
-    sqlite3_reset(m_pStmt);
-    sqlite3_clear_bindings(m_pStmt);
-  }
-
-  bool IsNull(int column) const { return sqlite3_column_type(m_pStmt, column) == SQLITE_NULL; }
-  int64_t Int(int column) const { return sqlite3_column_int64(m_pStmt, column); }
-  uint32_t Uint32(int column) const { return static_cast<uint32_t>(Int(column)); }
-  std::string Text(int column) const {
-    // Read by length: a text sample may hold NUL bytes.
-    const unsigned char* text = sqlite3_column_text(m_pStmt, column);
-    if (text == nullptr) return std::string();
-    return std::string(reinterpret_cast<const char*>(text), static_cast<size_t>(sqlite3_column_bytes(m_pStmt, column)));
-  }
-
- private:
-  int Index(const char* name) const { return sqlite3_bind_parameter_index(m_pStmt, name); }
-  void Keep(int rc) {
-    if (m_iFirstError == SQLITE_OK) m_iFirstError = rc;
-  }
-
-  sqlite3_stmt* m_pStmt = nullptr;
-  int m_iFirstError = SQLITE_OK;
-};
-
-// BEGIN IMMEDIATE takes the write lock up front, so a write never fails half
-// way because another writer got there first. Anything not committed is
-// rolled back when this goes out of scope.
-class WriteTransaction {
- public:
-  explicit WriteTransaction(sqlite3* pDb) : m_pDb(pDb) {
-    m_bBegun = sqlite3_exec(pDb, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr) == SQLITE_OK;
-  }
-  ~WriteTransaction() {
-    // SQLite may already have rolled back by itself (after a disk-full error, say).
-    if (m_bBegun && !m_bCommitted && sqlite3_get_autocommit(m_pDb) == 0) {
-      sqlite3_exec(m_pDb, "ROLLBACK", nullptr, nullptr, nullptr);
-    }
-  }
-  WriteTransaction(const WriteTransaction&) = delete;
-  WriteTransaction& operator=(const WriteTransaction&) = delete;
-
-  bool Begun() const { return m_bBegun; }
-  bool Commit() {
-    m_bCommitted = sqlite3_exec(m_pDb, "COMMIT", nullptr, nullptr, nullptr) == SQLITE_OK;
-    return m_bCommitted;
-  }
-
- private:
-  sqlite3* m_pDb;
-  bool m_bBegun = false;
-  bool m_bCommitted = false;
-};
-
-bool SetError(std::string* error, std::string message) {
-  if (error != nullptr) *error = std::move(message);
-  return false;
-}
-
-std::string Failure(sqlite3* pDb, const std::string& path, const std::string& what) {
-  return path + ": " + what + ": " + sqlite3_errmsg(pDb);
-}
-
-std::string NotOpen() { return "the sample database is not open"; }
-
-// Runs `body` in one write transaction. `body` returns SQLITE_DONE when all
-// went well, or the SQLite error that stopped it; then nothing is kept.
-bool RunWrite(sqlite3* pDb, const std::string& path, const char* what, const std::function<int()>& body,
-              std::string* error) {
-  if (pDb == nullptr) return SetError(error, NotOpen());
-  WriteTransaction transaction(pDb);
-  if (!transaction.Begun()) return SetError(error, Failure(pDb, path, what));
-  int rc = body();
-  if (rc != SQLITE_DONE && rc != SQLITE_OK) return SetError(error, Failure(pDb, path, what));
-  if (!transaction.Commit()) return SetError(error, Failure(pDb, path, what));
-  return true;
-}
-
-// Runs one SELECT: `bind` fills its parameters, `read` turns a result row into
-// a Row. Empty with a message on failure.
-template <typename Row>
-std::vector<Row> RunQuery(sqlite3* pDb, const std::string& path, const char* what, const std::string& sql,
-                          const std::function<void(Statement&)>& bind,
-                          const std::function<Row(const Statement&)>& read, std::string* error) {
-  if (error != nullptr) error->clear();
-  if (pDb == nullptr) {
-    SetError(error, NotOpen());
-    return {};
-  }
-  Statement select(pDb, sql);
-  bind(select);
-  std::vector<Row> rows;
-  int rc;
-  while ((rc = select.Step()) == SQLITE_ROW) rows.push_back(read(select));
-  if (rc != SQLITE_DONE) {
-    SetError(error, Failure(pDb, path, what));
-    return {};
-  }
-  return rows;
-}
-
-bool ReadSchemaVersion(sqlite3* pDb, int64_t* version) {
-  Statement pragma(pDb, "PRAGMA user_version");
-  if (pragma.Step() != SQLITE_ROW) return false;
-  *version = pragma.Int(0);
-  return true;
-}
-
-std::string NewerSchema(const std::string& path, int64_t version) {
-  return path + ": the database has schema version " + std::to_string(version) + ", newer than the " +
-         std::to_string(kSchemaVersion) + " this program knows; it was written by a newer control plane";
-}
-
-int CreateTablesIfMissing(sqlite3* pDb) {
-  // Checked again inside the write lock: another control plane may have
-  // created them since this one looked.
-  int64_t version = 0;
-  if (!ReadSchemaVersion(pDb, &version)) return sqlite3_errcode(pDb);
-  if (version != 0) return SQLITE_DONE;
-  int rc = sqlite3_exec(pDb, kCreateSchema, nullptr, nullptr, nullptr);
-  if (rc != SQLITE_OK) return rc;
-  std::string setVersion = "PRAGMA user_version = " + std::to_string(kSchemaVersion);
-  return sqlite3_exec(pDb, setVersion.c_str(), nullptr, nullptr, nullptr);
-}
-
-int AddLatestValuesIfMissing(sqlite3* pDb) {
-  {
-    // Finalised before the script runs: finalising afterwards would clear
-    // the script's error message.
-    Statement exists(pDb, "SELECT count(*) FROM sqlite_master WHERE name = 'latest_samples'");
-    if (exists.Step() != SQLITE_ROW) return sqlite3_errcode(pDb);
-    if (exists.Int(0) != 0) return SQLITE_DONE;
-  }
-  return sqlite3_exec(pDb, kCreateLatestValues, nullptr, nullptr, nullptr);
-}
-
-// Sets a writer's connection up and creates the tables of a new database.
-// Empty when all went well, else what went wrong.
-std::string PrepareForWriting(sqlite3* pDb, const std::string& path) {
-  // Looked at before anything is changed: a newer program's database is left
-  // exactly as it was, journal mode included.
-  int64_t version = 0;
-  if (!ReadSchemaVersion(pDb, &version)) return Failure(pDb, path, "cannot read the database");
-  if (version > kSchemaVersion) return NewerSchema(path, version);
-  if (sqlite3_exec(pDb, "PRAGMA journal_mode = WAL", nullptr, nullptr, nullptr) != SQLITE_OK ||
-      sqlite3_exec(pDb, "PRAGMA synchronous = NORMAL", nullptr, nullptr, nullptr) != SQLITE_OK) {
-    return Failure(pDb, path, "cannot set up the database");
-  }
-  std::string failure;
-  if (!RunWrite(pDb, path, "cannot create the tables", [pDb] { return CreateTablesIfMissing(pDb); }, &failure)) {
-    return failure;
-  }
-  RunWrite(pDb, path, "cannot add the latest values", [pDb] { return AddLatestValuesIfMissing(pDb); }, &failure);
-  return failure;
-}
-
-// Empty when a reader can use the database, else why not.
-std::string CheckReadable(sqlite3* pDb, const std::string& path, bool* notCreatedYet) {
-  int64_t version = 0;
-  if (!ReadSchemaVersion(pDb, &version)) return Failure(pDb, path, "cannot read the database");
-  if (version > kSchemaVersion) return NewerSchema(path, version);
-  if (version == 0) {
-    // The control plane creates the file first and its tables a moment later.
-    *notCreatedYet = true;
-    return path + ": no such database yet (the file holds no sample tables)";
-  }
-  return std::string();
-}
 
 void BindSample(Statement& insert, const SampleRow& row) {
   insert.Bind(":received_at", row.received_at);

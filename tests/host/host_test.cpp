@@ -9,6 +9,7 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 
+#include <filesystem>
 #include <regex>
 #include <thread>
 
@@ -294,15 +295,27 @@ TEST(HostLongActions, RecordsCarryOutputStatusAndTheHostsWordsWithinTheLimits) {
   })) << "the time limit killed the command's whole group";
 }
 
-TEST(HostLongActions, AThousandConcurrentCommandsAllAnswerAndShutdownLeavesNothingBehind) {
+TEST(HostLongActions, AThousandDueCommandsRunAtOnceUnderTheDefaultCapAndShutdownLeavesNothingBehind) {
   int descriptorsBefore = CountOpenDescriptors();
-  auto fixture = std::make_unique<ProbeHost>("[long_action]\nmax_children = 1024\ntime_limit = 120\n");
+  auto fixture = std::make_unique<ProbeHost>("[long_action]\ntime_limit = 120\n");
   ASSERT_TRUE(fixture->control) << fixture->error;
   probe::Control& probe = fixture->probe();
   uint32_t id = AdoptedProbe(*fixture)->GetMachineId();
-  for (uint32_t flow = 1; flow <= 1000; ++flow)
-    RunLongAction(*fixture, id, flow, "sleep 1; echo " + std::to_string(flow));
+  // Each command says it started, then waits for a line on the gate: none
+  // ends before all thousand run.
+  std::string gate = fixture->dir.Path() + "/gate", started = fixture->dir.Path() + "/started";
+  ASSERT_TRUE(mkfifo(gate.c_str(), 0600) == 0 && mkdir(started.c_str(), 0700) == 0);
+  for (uint32_t flow = 1; flow <= 1000; ++flow) {
+    std::string name = std::to_string(flow);
+    RunLongAction(*fixture, id, flow, "exec 3<>" + gate + "; : >" + started + "/" + name + "; read x <&3; echo " +
+                                          name);
+  }
+  auto startedCount = [&] { return std::distance(std::filesystem::directory_iterator(started), {}); };
+  EXPECT_TRUE(fixture->RunUntil([&] { return startedCount() == 1000; })) << startedCount() << " started";
+  int opener = open(gate.c_str(), O_RDWR);
+  ASSERT_EQ(write(opener, std::string(1000, '\n').data(), 1000), 1000);
   auto records = LongActionRecords(*fixture, 1000);
+  close(opener);
   ASSERT_EQ(records.size(), 1000u);
   for (auto& r : records) ASSERT_EQ(r.second.text, std::to_string(r.first) + "\n|") << r.first;
   RunLongAction(*fixture, id, 1001, "sleep 60");

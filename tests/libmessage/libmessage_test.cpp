@@ -72,7 +72,8 @@ struct FakeClock : MachineClock {
 // Tn / tn machine / state timeout of n s; K keep the machine on a timeout; S
 // start; Qx post x before the start; Px post x by id; L post a long-action
 // record of flow 7; E echo from now on; R run what is pending; +n let n s pass
-// and fire timeouts. Logs read "log<level>".
+// and fire timeouts; D note the next deadline in s from now ("next-": none).
+// Logs read "log<level>".
 TEST(MachineRuntime, RunsMachinesByStateResultAndTimeout) {
   const std::tuple<std::vector<int>, std::string, std::string> cases[] = {
       {{0, 100}, "S Pa Pb R Pc R +3600", "Init|Wait:a|end|drop:b|drop:c|+3600|"},
@@ -84,6 +85,7 @@ TEST(MachineRuntime, RunsMachinesByStateResultAndTimeout) {
       {{0}, "K S +30 +29 +1", "Init|+30|mt|+29|+1|mt|end|"},
       {{0, 0}, "T1000 t10 S +9 Pa R +1", "Init|+9|Wait:a|+1|st|end|"},
       {{0}, "T1000 t5 Qa +3 R +3 +2", "+3|Init:a|+3|+2|st|end|"},
+      {{0, 100}, "T120 t90 S D Pa R D", "Init|next90|Wait:a|end|next-|"},
   };
   for (const auto& [results, script, journal] : cases) {
     g_journal.clear();
@@ -106,6 +108,10 @@ TEST(MachineRuntime, RunsMachinesByStateResultAndTimeout) {
         if (word == "E") g_echo = &runtime;
         if (word == "R") runtime.RunPending();
         if (word[0] == '+') Note(word), clock.now_ms += std::stoll(word) * 1000, runtime.FireTimeouts();
+        if (word == "D") {
+          int64_t next = runtime.NextDeadlineMs();
+          Note(next < 0 ? "next-" : "next" + std::to_string((next - clock.now_ms) / 1000));
+        }
       }
       g_echo = nullptr;
     }  // ends what still runs

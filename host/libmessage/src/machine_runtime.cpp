@@ -180,14 +180,10 @@ size_t MachineRuntime::FireTimeouts() {
   while (!m_qDeadlines.empty() && m_qDeadlines.top().at_ms <= now) {
     Deadline deadline = m_qDeadlines.top();
     m_qDeadlines.pop();
-    auto it = m_mapMachines.find(deadline.machine_id);
-    if (it == m_mapMachines.end()) continue;
-    Managed& managed = it->second;
-    uint64_t armed = deadline.machine_timeout ? managed.machine_timer : managed.state_timer;
-    if (armed != deadline.generation) continue;  // superseded by a later arm
+    if (!IsArmed(deadline)) continue;
 
     ++fired;
-    StateMachine* machine = managed.machine;
+    StateMachine* machine = m_mapMachines.find(deadline.machine_id)->second.machine;
     int stateBefore = machine->GetState();
     int result = machine->Timeout(deadline.machine_timeout);
     if (result == kKeepMachine) {
@@ -206,8 +202,18 @@ size_t MachineRuntime::FireTimeouts() {
   return fired;
 }
 
-int64_t MachineRuntime::NextDeadlineMs() const {
-  // Stale entries may sit on top; they only make the owner wake up early.
+bool MachineRuntime::IsArmed(const Deadline& deadline) const {
+  auto it = m_mapMachines.find(deadline.machine_id);
+  if (it == m_mapMachines.end()) return false;
+  const Managed& managed = it->second;
+  // A later arm supersedes this one.
+  return (deadline.machine_timeout ? managed.machine_timer : managed.state_timer) == deadline.generation;
+}
+
+int64_t MachineRuntime::NextDeadlineMs() {
+  // Nearly every routine machine ends long before its timeout, leaving its
+  // deadline behind; waking for each of those was most of an idle host's work.
+  while (!m_qDeadlines.empty() && !IsArmed(m_qDeadlines.top())) m_qDeadlines.pop();
   return m_qDeadlines.empty() ? -1 : m_qDeadlines.top().at_ms;
 }
 

@@ -5,7 +5,7 @@
 //                 configuration file's folder), log_level 1..4 (default 3),
 //                 machine_timeout seconds (default 60)
 //   [long_action] time_limit seconds (default 60, 0 none), output_limit bytes
-//                 (default 1 MiB), max_children (default 256)
+//                 (default 1 MiB), max_children (default 1024)
 //   [network]     listen-ip, listen-port (0 or absent: no listening socket),
 //                 input_limit bytes per connection (default 16 MiB),
 //                 total_input_limit bytes for all connections (default 64 MiB),

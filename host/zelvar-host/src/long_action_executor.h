@@ -3,9 +3,9 @@
 //
 // An ExecuteShell2 action becomes `/bin/sh -c <command>` (zelvar::SpawnShell:
 // own process group, stdin /dev/null, only 0, 1 and 2 open). Both output pipes
-// are libevent read events; SIGCHLD (a libevent signal event) makes the
-// executor try waitpid(WNOHANG) on each of its own children, so it never reaps
-// a process it did not start and never leaves one unreaped. The completion
+// are libevent read events; on SIGCHLD (a libevent signal event) the executor
+// reaps the ended children that are its own, found with waitid, and never a
+// process it did not start nor leaves one unreaped. The completion
 // record goes out once both pipes reached end of file (or were closed by the
 // executor) and the child was reaped; the command's whole process group is
 // killed then, so background jobs it started do not outlive it.
@@ -42,7 +42,9 @@ class Logger;
 struct LongActionLimits {
   unsigned time_limit_sec = 60;
   size_t output_limit = 1024 * 1024;
-  size_t max_children = 256;
+  // A thousand due commands start at once; each running child holds two pipe
+  // ends, which the host's raised descriptor limit leaves room for.
+  size_t max_children = 1024;
 };
 
 class LongActionExecutor {
@@ -96,6 +98,8 @@ class LongActionExecutor {
   void CloseStream(Stream& stream);
   void KillGroup(Child& child, Ending why);
   void ReapChildren();
+  // Reaps `child` when it has ended; true when this call reaped it.
+  bool Reap(Child& child);
   void FinishIfDone(Child& child);
   zelvar::LongActionResult* MakeRecord(Child& child) const;
 

@@ -90,8 +90,10 @@ class MachineRuntime {
   size_t RunPending();
   // Fires every timeout whose deadline is not after the clock. Returns how many.
   size_t FireTimeouts();
-  // The earliest armed deadline, or -1 when none is armed.
-  int64_t NextDeadlineMs() const;
+  // The earliest armed deadline, or -1 when none is armed. Forgets the
+  // deadlines of machines that ended or re-armed first, so that an idle host
+  // is not woken for them.
+  int64_t NextDeadlineMs();
 
   bool IsManaged(uint32_t id) const { return m_mapMachines.count(id) != 0; }
 
@@ -119,6 +121,7 @@ class MachineRuntime {
   void ArmMachineTimer(Managed& managed, unsigned seconds);
   void ArmStateTimer(Managed& managed);
   void End(uint32_t id);
+  bool IsArmed(const Deadline& deadline) const;
   void Log(int level, const std::string& line) const;
 
   const MachineClock* m_pClock;
