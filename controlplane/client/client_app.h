@@ -8,6 +8,9 @@
 
 namespace controlplane {
 
+constexpr int kExitRefused = 1;
+constexpr int kExitRuntimeError = 2;
+
 // Runs one command line; what it shows goes to `out`, what went wrong to
 // `err`. Returns the exit status: 0 success, 1 the agent refused, 2 the
 // database or the network failed, and the parser's own status for a usage
