@@ -53,6 +53,7 @@
 #ifndef ZELVAR_HOST_CONNECTION_MANAGER_H
 #define ZELVAR_HOST_CONNECTION_MANAGER_H
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -121,6 +122,7 @@ class ConnectionManager {
     size_t buffered = 0;       // input length counted in the owner's total
     size_t peak = 0;           // largest input or output length seen
     bool spoke = false;        // delivered a message
+    std::chrono::steady_clock::time_point added = std::chrono::steady_clock::now();
     bool timed = false;        // the idle timeout is armed
     event* flush_deadline = nullptr;  // while flushing after the host closed it
   };
