@@ -34,7 +34,7 @@ for target in "${targets[@]}"; do
   regressions=()
   [[ -d fuzz/regressions/$target ]] && regressions=(fuzz/regressions/$target)
   log=$fuzz_dir/logs/$target.log
-  "$fuzz_dir/${target}_fuzz" -max_total_time="$seconds" -timeout=10 -print_final_stats=1 \
+  "$build_dir/bin/${target}_fuzz" -max_total_time="$seconds" -timeout=10 -print_final_stats=1 \
     -artifact_prefix="$fuzz_dir/crashes/$target-" "$fuzz_dir/corpus/$target" "$fuzz_dir/seeds/$target" \
     "${regressions[@]}" >"$log" 2>&1 || status=1
   # The last status line: "#RUNS ... cov: C ft: F corp: N/SIZE ... exec/s: E ...".
