@@ -5,6 +5,7 @@ set -euo pipefail
 
 packages=(
   build-essential cmake ninja-build pkg-config
+  clang            # libFuzzer, for the fuzz targets (scripts/fuzz.sh)
   protobuf-compiler libprotobuf-dev
   libevent-dev
   libinih-dev

@@ -3,6 +3,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <ctime>
 #include <nlohmann/json.hpp>
@@ -199,7 +200,7 @@ ovita2::testing::ChildProcess StartControlPlane(const ovita2::testing::TempDir& 
 }
 
 // The agent's clock is skipped forward, so its 150 s job schedule passes at once.
-TEST(AgentAgainstControlPlane, WhatTheAgentMeasuresIsReadBackThroughTheClient) {
+TEST(AgentAgainstControlPlane, WhatTheAgentMeasuresIsReadBackThroughTheClientAlsoAfterTheControlPlaneIsKilled) {
   ovita2::testing::TempDir dir;
   const int cpPort = ovita2::testing::FreeLoopbackPort();
   const std::string at = "127.0.0.1:" + std::to_string(cpPort), database = dir.Path() + "/cp.db";
@@ -244,9 +245,34 @@ TEST(AgentAgainstControlPlane, WhatTheAgentMeasuresIsReadBackThroughTheClient) {
     }
   }
   EXPECT_EQ(seen, (std::set<std::string>{"4 k1 41 123", "4 k2 hello\n"})) << cpLog();
+
+  // Killed outright while the agent sends: the agent's failed sends leave no
+  // descriptor behind, and once the control plane is back on its port the
+  // next send stores samples again.
+  kill(controlPlane.Pid(), SIGKILL);
+  controlPlane.Wait();
+  auto ticks = [&](int count) {
+    for (int tick = 0; tick < count; ++tick) agent.Clock().Skip(10), agent.RunUntil([] { return false; }, 0.2);
+  };
+  ticks(3);
+  const int descriptors = ovita2::testing::CountOpenDescriptors();
+  ticks(20);
+  EXPECT_LE(ovita2::testing::CountOpenDescriptors(), descriptors);
+  auto stored = [&] {
+    std::ostringstream out, err;
+    const char* argv[] = {"ovita2ctl", "samples", "--limit", "100000", "--db", database.c_str()};
+    RunClient(6, argv, out, err);
+    const std::string rows = out.str();
+    return std::count(rows.begin(), rows.end(), '\n');
+  };
+  const long before = stored();
+  auto again = StartControlPlane(dir, cpPort, "");
+  ASSERT_TRUE(ovita2::testing::Eventually([&] { return cpLog().rfind("serving as cp-1") > cpLog().find("serving"); }, 20));
+  ticks(1);
+  EXPECT_TRUE(agent.RunUntil([&] { return stored() > before; }, 5.0)) << cpLog();
   agent.Shutdown();
-  kill(controlPlane.Pid(), SIGTERM);
-  EXPECT_EQ(controlPlane.Wait(), 0) << "the control plane stops cleanly on SIGTERM\n" << cpLog();
+  kill(again.Pid(), SIGTERM);
+  EXPECT_EQ(again.Wait(), 0) << "the control plane stops cleanly on SIGTERM\n" << cpLog();
 }
 
 // What a headless Chromium run of `flags` on `url` prints on stdout.

@@ -246,6 +246,36 @@ TEST(HostConnections, AllShareOneInputBoundIdleOnesAreCutAndAClosedOneStillSends
   for (int fd : {silent, spoke, small, large, flood}) close(fd);
 }
 
+// Peers that never finish a message: the host cuts each once, on time, however
+// it drips, and goes on serving the peer that speaks.
+TEST(HostConnections, SilentAndDrippingPeersAreCutOnceEachWhileAnotherIsServed) {
+  int port = FreeLoopbackPort();
+  ProbeHost fixture("[network]\nlisten-ip = 127.0.0.1\nidle_timeout = 2\nlisten-port = " + std::to_string(port));
+  ASSERT_TRUE(fixture.control) << fixture.error;
+  std::vector<int> silent;
+  for (int i = 0; i < 1000; ++i) {
+    silent.push_back(ConnectLoopback(port));
+    if (i % 50 == 0) fixture.host.RunUntil([] { return false; }, 0.01);  // accepts, so the backlog never fills
+  }
+  int drip = ConnectLoopback(port), speaker = ConnectLoopback(port);
+  SendAll(drip, "\0\0\1\0"s);  // a 256-byte body, one byte every half second
+  std::string sink;
+  for (int step = 0; step < 12; ++step) {
+    SendAll(drip, "x"), SendAll(speaker, Frame("s"));
+    fixture.host.RunUntil([] { return false; }, 0.5);
+  }
+  EXPECT_EQ(fixture.probe().seen.size(), 12u) << "the speaker is served throughout";
+  EXPECT_FALSE(ReadAvailable(drip, &sink)) << "a drip does not hold its connection";
+  size_t open = 0;
+  for (int fd : silent) open += ReadAvailable(fd, &sink), close(fd);
+  EXPECT_EQ(open, 0u);
+  std::string log = ReadFile(fixture.dir.Path() + "/host.log");
+  size_t cuts = 0;
+  for (size_t at = log.find(" closed: "); at != std::string::npos; at = log.find(" closed: ", at + 1)) ++cuts;
+  EXPECT_EQ(cuts, 1001u) << "one line per connection, none per byte";
+  close(drip), close(speaker);
+}
+
 void RunLongAction(ProbeHost& fixture, uint32_t id, uint32_t flow, const std::string& command,
                    const char* name = "ExecuteShell2") {
   zelvar::ExecuteShell2 action(name);
@@ -293,6 +323,26 @@ TEST(HostLongActions, RecordsCarryOutputStatusAndTheHostsWordsWithinTheLimits) {
     std::string stat = ReadFile(background);
     return stat.empty() || stat[stat.rfind(')') + 2] == 'Z';
   })) << "the time limit killed the command's whole group";
+}
+
+TEST(HostLongActions, EndlessFloodingAndForkingCommandsAreCutAndLeaveNoProcessZombieOrDescriptor) {
+  int descriptorsBefore = CountOpenDescriptors();
+  {
+    ProbeHost fixture("[long_action]\ntime_limit = 10\n");
+    ASSERT_TRUE(fixture.control) << fixture.error;
+    uint32_t id = AdoptedProbe(fixture)->GetMachineId();
+    RunLongAction(fixture, id, 1, "while :; do :; done");
+    RunLongAction(fixture, id, 2, "head -c 100000000 /dev/zero");
+    RunLongAction(fixture, id, 3, "for i in $(seq 200); do sleep 77.77 >/dev/null 2>&1 & done; echo forked");
+    auto records = LongActionRecords(fixture, 3);
+    EXPECT_EQ(std::to_string(records[1].status) + " " + std::to_string(records[2].status) + " " +
+                  std::to_string(records[2].text.find('|')) + " " + records[3].text,
+              "-2 -3 1048576 forked\n|")
+        << "the time limit, then the output limit (1 MiB kept), then a shell that left its children";
+    EXPECT_TRUE(fixture.RunUntil([] { return !SessionRuns("sleep 77.77"); })) << "its children end with it";
+  }
+  EXPECT_EQ(CountZombieChildren(), 0);
+  EXPECT_EQ(CountOpenDescriptors(), descriptorsBefore);
 }
 
 TEST(HostLongActions, AThousandDueCommandsRunAtOnceUnderTheDefaultCapAndShutdownLeavesNothingBehind) {

@@ -3,9 +3,13 @@
 // runs of the machines through the factory, as the routine would.
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <memory>
+
 #include "agent_host.h"
 #include "zelvar/kadri.pb.h"
 #include "zk_test_client.h"
+#include "zookeeper/zookeeper_plugin_handle.h"
 #include "zookeeper_test_server.h"
 
 namespace {
@@ -19,26 +23,45 @@ std::string LoopbackAddress(int port) {
   return content.SerializeAsString();
 }
 
-TEST(AgentZooKeeper, KeepsItsEphemeralNodeAndFollowsTheInstancesOfItsNames) {
+// A server holding one MASTER instance, and an agent whose node and names are in place.
+class AgentZooKeeper : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    std::string error;
+    ASSERT_TRUE(server.Start(&error)) << error;
+    ASSERT_TRUE(outside.Connect(server.Address()));
+    ASSERT_EQ(outside.CreateWithParents("/ovita2/names/MASTER/m1", LoopbackAddress(7100)), ZOK);
+    ASSERT_EQ(outside.Create("/ovita2/agents", "", ZOO_PERSISTENT), ZOK);
+    agent = std::make_unique<ovita2::testing::AgentHost>(
+        ZOOKEEPER_REGISTRY_PATH, "[zookeeper]\nhosts = " + server.Address() + "\nsession_timeout_ms = 4000\n"
+        "[network]\nlisten-ip = 127.0.0.1\nlisten-port = " + std::to_string(port) +
+        "\n[common]\nmyname = /ovita2/agents/a1\n[names]\nMASTER = /ovita2/names/MASTER\n");
+    ASSERT_TRUE(agent->ok()) << agent->error();
+    ASSERT_TRUE(agent->RunUntil([&] { return agent->host().IsReady(); }, 10.0)) << agent->LogText();
+    ASSERT_TRUE(agent->StartMachine(kUpdateNamesType) && agent->StartMachine(kRegisterMyselfType));
+    ASSERT_TRUE(agent->RunUntilLogged("|Register myself finished", 1, 5.0)) << agent->LogText();
+    ASSERT_TRUE(agent->RunUntilLogged("|name=MASTER, ip=127.0.0.1, port=7100", 1, 5.0)) << agent->LogText();
+  }
+  clientid_t PluginSession() {
+    clientid_t session{};
+    static_cast<zelvar::registry::ZooKeeperPluginHandle*>(agent->host().GetPluginHandle("zookeeper"))
+        ->GetClientId(&session);
+    return session;
+  }
+  // The agent's node is there and belongs to its registry plug-in's current session.
+  bool NodeOfCurrentSession() {
+    Stat stat{};
+    return outside.Exists("/ovita2/agents/a1", &stat) == ZOK && stat.ephemeralOwner == PluginSession().client_id;
+  }
+
   zelvar::registry::testing::ZooKeeperTestServer server;
-  std::string error;
-  ASSERT_TRUE(server.Start(&error)) << error;
   zelvar::registry::testing::ZkTestClient outside;
-  ASSERT_TRUE(outside.Connect(server.Address()));
-  ASSERT_EQ(outside.CreateWithParents("/ovita2/names/MASTER/m1", LoopbackAddress(7100)), ZOK);
-  ASSERT_EQ(outside.Create("/ovita2/agents", "", ZOO_PERSISTENT), ZOK);
-
   int port = ovita2::testing::FreeLoopbackPort();
-  ovita2::testing::AgentHost agent(ZOOKEEPER_REGISTRY_PATH,
-                                  "[zookeeper]\nhosts = " + server.Address() + "\nsession_timeout_ms = 4000\n"
-                                  "[network]\nlisten-ip = 127.0.0.1\nlisten-port = " + std::to_string(port) +
-                                  "\n[common]\nmyname = /ovita2/agents/a1\n[names]\nMASTER = /ovita2/names/MASTER\n");
-  ASSERT_TRUE(agent.ok()) << agent.error();
-  ASSERT_TRUE(agent.RunUntil([&] { return agent.host().IsReady(); }, 10.0)) << agent.LogText();
-  ASSERT_TRUE(agent.StartMachine(kUpdateNamesType) && agent.StartMachine(kRegisterMyselfType));
-  ASSERT_TRUE(agent.RunUntilLogged("|Register myself finished", 1, 5.0)) << agent.LogText();
-  ASSERT_TRUE(agent.RunUntilLogged("|name=MASTER, ip=127.0.0.1, port=7100", 1, 5.0)) << agent.LogText();
+  std::unique_ptr<ovita2::testing::AgentHost> agent;
+};
 
+TEST_F(AgentZooKeeper, KeepsItsEphemeralNodeAndFollowsTheInstancesOfItsNames) {
+  ovita2::testing::AgentHost& agent = *this->agent;
   // Its own node holds its listening address and goes with its session.
   std::string data;
   Stat stat{};
@@ -65,6 +88,40 @@ TEST(AgentZooKeeper, KeepsItsEphemeralNodeAndFollowsTheInstancesOfItsNames) {
   ASSERT_TRUE(agent.StartMachine(kUpdateNamesType));
   ASSERT_TRUE(agent.RunUntilLogged("|name=MASTER, ip=127.0.0.1, port=7101", 2, 5.0)) << agent.LogText();
   EXPECT_EQ(agent.Count("|name=MASTER, ip=127.0.0.1, port=7100"), 2u) << agent.LogText();
+}
+
+// Each time the registry comes back (or the session is lost), the plug-in
+// calls the agent's connection callback; registration runs (every 60 s, here
+// every second) put the node back under the current session once the old
+// session's node is gone, and the names resolve again at the next refresh.
+TEST_F(AgentZooKeeper, ComesBackIntoTheRegistryAfterTheServerWasAwayAndAfterItsSessionExpired) {
+  const std::string callback = "Reset register flag by conn_callback_myself";
+  auto registersAgain = [&](size_t callbacks) {
+    auto lastRun = std::chrono::steady_clock::now();
+    return agent->RunUntil([&] {
+      if (agent->Count(callback) >= callbacks && NodeOfCurrentSession()) return true;
+      if (std::chrono::steady_clock::now() - lastRun > std::chrono::seconds(1)) {
+        agent->StartMachine(kRegisterMyselfType), lastRun = std::chrono::steady_clock::now();
+      }
+      return false;
+    }, 30.0);
+  };
+  const size_t resets = agent->Count(callback);
+  server.Stop();
+  agent->RunUntil([] { return false; }, 30.0);
+  ASSERT_TRUE(agent->StartMachine(kUpdateNamesType));
+  std::string error;
+  ASSERT_TRUE(server.Start(&error)) << error;
+  ASSERT_TRUE(outside.Connect(server.Address()));
+  EXPECT_TRUE(registersAgain(resets + 1)) << agent->LogText();
+  ASSERT_TRUE(agent->StartMachine(kUpdateNamesType));
+  EXPECT_TRUE(agent->RunUntilLogged("|name=MASTER, ip=127.0.0.1, port=7100", 2, 10.0)) << agent->LogText();
+
+  // Joining the plug-in's session elsewhere and closing it there expires it.
+  const clientid_t expired = PluginSession();
+  ASSERT_TRUE(zelvar::registry::testing::ZkTestClient().Connect(server.Address(), &expired));
+  EXPECT_TRUE(registersAgain(resets + 2)) << agent->LogText();
+  EXPECT_NE(PluginSession().client_id, expired.client_id);
 }
 
 }  // namespace

@@ -82,6 +82,14 @@ void ConnectionManager::ReadInput(Connection* connection) {
                                        connection->buffered, m_sLimits.input_limit));
     return;
   }
+  // Each byte restarts the idle wait, so a peer dripping bytes without ever
+  // completing a message is cut by the time since it was accepted instead.
+  if (!connection->outbound && !connection->spoke && m_sLimits.idle_timeout_sec > 0 &&
+      std::chrono::steady_clock::now() - connection->added >= std::chrono::seconds(m_sLimits.idle_timeout_sec)) {
+    CloseFlushing(connection, Logger::kError,
+                  zelvar::FormatString("no complete message in %u s after it was accepted", m_sLimits.idle_timeout_sec));
+    return;
+  }
   if (EnforceTotalLimit(connection)) UpdateIdleTimeout(connection);
 }
 

@@ -55,6 +55,7 @@
 #ifndef ZELVAR_HOST_CONNECTION_MANAGER_H
 #define ZELVAR_HOST_CONNECTION_MANAGER_H
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -123,6 +124,7 @@ class ConnectionManager {
     size_t buffered = 0;       // input length counted in the owner's total
     size_t peak = 0;           // largest input or output length seen
     bool spoke = false;        // delivered a message
+    std::chrono::steady_clock::time_point added = std::chrono::steady_clock::now();
     bool timed = false;        // the idle timeout is armed
   };
   enum class Step { kDelivered, kNeedMore, kFailed };
