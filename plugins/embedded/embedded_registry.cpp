@@ -43,6 +43,11 @@ bool EmbeddedRegistry::EncodeAddress(const std::string& address, std::string* en
 const zelvar::ConfigKeyDeclaration EmbeddedRegistry::kConfigKeys[] = {{kSection, nullptr, false},
                                                                       {nullptr, nullptr, false}};
 
+int EmbeddedRegistry::Start() {
+  m_pHost->Log(3, "embedded registry: ready with %d configured node(s)", LoadConfiguration());
+  return 0;
+}
+
 int EmbeddedRegistry::LoadConfiguration() {
   int loaded = 0;
   for (const std::string& path : m_pHost->ListConfigKeys(kSection, ".*")) {

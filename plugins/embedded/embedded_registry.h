@@ -26,6 +26,7 @@ namespace zelvar::registry {
 class EmbeddedRegistry {
  public:
   static constexpr const char* kSection = "embedded_registry";
+  static constexpr const char* kLabel = "embedded registry";
   // Every key of the section is a node path, for the host's configuration check.
   static const zelvar::ConfigKeyDeclaration kConfigKeys[];
 
@@ -34,6 +35,9 @@ class EmbeddedRegistry {
   // Loads the configured nodes; a malformed entry is logged and left out.
   // Returns how many nodes were loaded.
   int LoadConfiguration();
+  // The plug-in's start: the configured nodes, then a line saying how many.
+  int Start();
+  bool IsReady() const { return true; }  // it has nothing to wait for
 
   // Runs one command. Returns ZOK when accepted (one answer follows, except
   // for "set_callback"), or the ZooKeeper code of the refusal.

@@ -43,6 +43,7 @@ namespace zelvar::registry {
 class ZooKeeperRegistry {
  public:
   static constexpr const char* kSection = "zookeeper";
+  static constexpr const char* kLabel = "zookeeper registry";
   // The keys Open() reads, for the host's configuration check; hosts is required.
   static const zelvar::ConfigKeyDeclaration kConfigKeys[];
   static constexpr int kDefaultSessionTimeoutMs = 10000;
@@ -57,6 +58,8 @@ class ZooKeeperRegistry {
   // connection. -1 (logged) when misconfigured or the client cannot start.
   int Open();
   bool IsConnected() const;
+  int Start() { return Open(); }
+  bool IsReady() const { return IsConnected(); }
   // Runs one command: ZOK when accepted, the ZooKeeper code of the refusal
   // otherwise.
   int Call(unsigned machineId, const ZKCommand& command);
