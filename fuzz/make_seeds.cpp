@@ -47,6 +47,5 @@ int main(int argc, char** argv) {
   zelvar::kadri::NameNodeContent node;
   node.set_ip("127.0.0.1"), node.set_port(7100);
   Write(root + "/node_data/endpoint", node.SerializeAsString());
-  Write(root + "/kmsgwatch_position/from-start", "0\nkernel: error on sda\nall fine\nerror again\n");
   return 0;
 }
