@@ -14,6 +14,7 @@
 # log level (default 1, as in the demo).
 set -euo pipefail
 cd "$(dirname "$0")/.."
+source scripts/lib/agent-ini.sh
 root=$PWD
 
 seconds=${1:-120}
@@ -58,26 +59,7 @@ name = cp-1
 jobs_file = $root/controlplane/examples/jobs.yaml
 database = $run_dir/controlplane.db
 EOF
-cat >"$run_dir/agent.ini" <<EOF
-[host]
-log_file = agent.log
-log_level = ${OVITA2_IDLE_LOG_LEVEL:-1}
-[network]
-listen-ip = 127.0.0.1
-listen-port = $agent_port
-[plugins]
-zookeeper = $lib/libregistry_embedded.so
-agent = $lib/libovita2_agent.so
-[embedded_registry]
-/ovita2/names/MASTER/cp-1 = 127.0.0.1:$cp_port
-/ovita2/names/TELLAR2_ACCESS/cp-1 = 127.0.0.1:$cp_port
-[names]
-MASTER = /ovita2/names/MASTER
-TELLAR2_ACCESS = /ovita2/names/TELLAR2_ACCESS
-[common]
-agentname = demo
-myname = /ovita2/agents/demo
-EOF
+write_agent_ini "$run_dir/agent.ini" demo "${OVITA2_IDLE_LOG_LEVEL:-1}" "$agent_port" "$cp_port" "$lib"
 
 cd "$run_dir"
 "$bin/zelvar-host" -c "$run_dir/controlplane.ini" &

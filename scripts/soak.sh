@@ -16,6 +16,7 @@
 #   OVITA2_SOAK_RSS_TOLERANCE_KIB (2048)  OVITA2_SOAK_COUNT_TOLERANCE (2)
 set -euo pipefail
 cd "$(dirname "$0")/.."
+source scripts/lib/agent-ini.sh
 root=$PWD
 
 [[ $# -eq 1 && $1 =~ ^([0-9]+)([smh]?)$ ]] || { echo "usage: $0 DURATION (e.g. 3600, 90m, 1h)" >&2; exit 2; }
@@ -107,28 +108,7 @@ name = cp-1
 jobs_file = $run_dir/jobs.yaml
 database = $database
 EOF
-cat >"$run_dir/agent.ini" <<EOF
-[host]
-log_file = agent.log
-log_level = 2
-[long_action]
-time_limit = 30
-[network]
-listen-ip = 127.0.0.1
-listen-port = $agent_port
-[plugins]
-zookeeper = $lib/libregistry_embedded.so
-agent = $lib/libovita2_agent.so
-[embedded_registry]
-/ovita2/names/MASTER/cp-1 = 127.0.0.1:$cp_port
-/ovita2/names/TELLAR2_ACCESS/cp-1 = 127.0.0.1:$cp_port
-[names]
-MASTER = /ovita2/names/MASTER
-TELLAR2_ACCESS = /ovita2/names/TELLAR2_ACCESS
-[common]
-agentname = soak
-myname = /ovita2/agents/soak
-EOF
+write_agent_ini "$run_dir/agent.ini" soak 2 "$agent_port" "$cp_port" "$lib" $'[long_action]\ntime_limit = 30\n'
 # Real-time items: 1 prints three lines, 2 fails, 3 leaves a background child.
 task_dir=$run_dir/agent-home/ovita2/agent/plugin/real_time_task
 mkdir -p "$task_dir"
