@@ -6,7 +6,12 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <optional>
+#include <sstream>
 #include <utility>
+
+#include <yaml-cpp/eventhandler.h>
+#include <yaml-cpp/parser.h>
 
 #include "catalogue/strict_fields.h"
 
@@ -201,6 +206,42 @@ bool ReadWholeFile(const std::string& path, std::string* text, std::string* erro
   return true;
 }
 
+// Where the first node of a document starts; an empty document has none.
+class FirstNodeMark : public YAML::EventHandler {
+ public:
+  std::optional<YAML::Mark> mark;
+
+  void OnDocumentStart(const YAML::Mark&) override {}
+  void OnDocumentEnd() override {}
+  void OnNull(const YAML::Mark&, YAML::anchor_t) override {}
+  void OnAlias(const YAML::Mark& at, YAML::anchor_t) override { Note(at); }
+  void OnScalar(const YAML::Mark& at, const std::string&, YAML::anchor_t, const std::string&) override { Note(at); }
+  void OnSequenceStart(const YAML::Mark& at, const std::string&, YAML::anchor_t, YAML::EmitterStyle::value) override {
+    Note(at);
+  }
+  void OnSequenceEnd() override {}
+  void OnMapStart(const YAML::Mark& at, const std::string&, YAML::anchor_t, YAML::EmitterStyle::value) override {
+    Note(at);
+  }
+  void OnMapEnd() override {}
+
+ private:
+  void Note(const YAML::Mark& at) {
+    if (!mark) mark = at;
+  }
+};
+
+// Where a second, non-empty document starts, if the text has one. The parser
+// is asked for two documents and no more: yaml-cpp's LoadAll asks until it is
+// told there are none, and on some malformed texts it is never told.
+std::optional<YAML::Mark> SecondDocument(const std::string& text) {
+  std::istringstream input(text);
+  YAML::Parser parser(input);
+  FirstNodeMark first, second;
+  if (!parser.HandleNextDocument(first) || !parser.HandleNextDocument(second)) return std::nullopt;
+  return second.mark;
+}
+
 }  // namespace
 
 std::optional<uint32_t> AgentCatalogue::ObjectOfJob(uint32_t jobId, const std::string& statKey) const {
@@ -218,16 +259,16 @@ bool JobCatalogue::Parse(const std::string& text, const std::string& sourceName,
                          std::string* error) {
   AgentMap agents;
   try {
-    const std::vector<YAML::Node> documents = YAML::LoadAll(text);
-    if (documents.empty() || documents.front().IsNull()) {
+    const YAML::Node document = YAML::Load(text);
+    if (document.IsNull()) {
       *error = sourceName + ": no \"agents\" map";
       return false;
     }
     // A second document would otherwise be ignored without a word.
-    for (size_t index = 1; index < documents.size(); ++index) {
-      if (!documents[index].IsNull()) Fail(documents[index].Mark(), "a jobs file holds one YAML document, not more");
+    if (std::optional<YAML::Mark> second = SecondDocument(text)) {
+      Fail(*second, "a jobs file holds one YAML document, not more");
     }
-    agents = ReadDocument(documents.front());
+    agents = ReadDocument(document);
   } catch (const CatalogueError& mistake) {
     *error = Located(sourceName, mistake.m_mark, mistake.m_strMessage);
     return false;
