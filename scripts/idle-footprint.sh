@@ -14,7 +14,7 @@
 # log level (default 1, as in the demo).
 set -euo pipefail
 cd "$(dirname "$0")/.."
-source scripts/lib/agent-ini.sh
+source scripts/lib/local-hosts.sh
 root=$PWD
 
 seconds=${1:-120}
@@ -36,29 +36,10 @@ finish() {
 }
 trap finish EXIT
 
-free_port() {
-  local port=$1
-  while (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null; do port=$((port + 1)); done
-  echo "$port"
-}
 cp_port=$(free_port 7300)
 agent_port=$(free_port $((cp_port + 200)))
 
-cat >"$run_dir/controlplane.ini" <<EOF
-[host]
-log_file = controlplane.log
-log_level = 2
-[network]
-listen-ip = 127.0.0.1
-listen-port = $cp_port
-[plugins]
-zookeeper = $lib/libregistry_embedded.so
-controlplane = $lib/libovita2_controlplane.so
-[controlplane]
-name = cp-1
-jobs_file = $root/controlplane/examples/jobs.yaml
-database = $run_dir/controlplane.db
-EOF
+write_controlplane_ini "$run_dir/controlplane.ini" "$cp_port" "$lib" "$root/controlplane/examples/jobs.yaml" "$run_dir/controlplane.db"
 write_agent_ini "$run_dir/agent.ini" demo "${OVITA2_IDLE_LOG_LEVEL:-1}" "$agent_port" "$cp_port" "$lib"
 
 cd "$run_dir"

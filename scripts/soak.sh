@@ -16,7 +16,7 @@
 #   OVITA2_SOAK_RSS_TOLERANCE_KIB (2048)  OVITA2_SOAK_COUNT_TOLERANCE (2)
 set -euo pipefail
 cd "$(dirname "$0")/.."
-source scripts/lib/agent-ini.sh
+source scripts/lib/local-hosts.sh
 root=$PWD
 
 [[ $# -eq 1 && $1 =~ ^([0-9]+)([smh]?)$ ]] || { echo "usage: $0 DURATION (e.g. 3600, 90m, 1h)" >&2; exit 2; }
@@ -31,12 +31,6 @@ count_tolerance=${OVITA2_SOAK_COUNT_TOLERANCE:-2}
 # settle after that: what happens before the warm-up ends is not judged.
 warmup=$((duration / 2 < 300 ? duration / 2 : 300))
 
-say() { printf '%s  %s\n' "$(date +%T)" "$*"; }
-free_port() {
-  local port=$1
-  while (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null; do port=$((port + 1)); done
-  echo "$port"
-}
 
 say "building into $build_dir"
 scripts/setup.sh
@@ -93,21 +87,7 @@ job_kind() {
   echo "        - {target: ovita2-soak-missing-daemon}"
 } >"$run_dir/jobs.yaml"
 
-cat >"$run_dir/controlplane.ini" <<EOF
-[host]
-log_file = controlplane.log
-log_level = 2
-[network]
-listen-ip = 127.0.0.1
-listen-port = $cp_port
-[plugins]
-zookeeper = $lib/libregistry_embedded.so
-controlplane = $lib/libovita2_controlplane.so
-[controlplane]
-name = cp-1
-jobs_file = $run_dir/jobs.yaml
-database = $database
-EOF
+write_controlplane_ini "$run_dir/controlplane.ini" "$cp_port" "$lib" "$run_dir/jobs.yaml" "$database"
 write_agent_ini "$run_dir/agent.ini" soak 2 "$agent_port" "$cp_port" "$lib" $'[long_action]\ntime_limit = 30\n'
 # Real-time items: 1 prints three lines, 2 fails, 3 leaves a background child.
 task_dir=$run_dir/agent-home/ovita2/agent/plugin/real_time_task
