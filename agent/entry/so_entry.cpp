@@ -61,6 +61,25 @@ void ReleaseMessage(zelvar::ZMessage* message) {
   HostFn<zelvar::ReleaseMessageFn>(zelvar::kSlotReleaseMessage)(0, message);
 }
 
+// Parses the frame at the front of the input without copying it, and drains
+// what was read. A socket read usually leaves many small frames in one chain
+// of the buffer, and such a frame is parsed straight from that chain; only a
+// frame that spans chains needs the stream over the buffer.
+bool ParseFrameInPlace(bufferevent* bev, const zelvar::FrameCut& cut, zelvar::ZMessage* message) {
+  evbuffer* input = bufferevent_get_input(bev);
+  const auto frameSize = static_cast<ev_ssize_t>(cut.FrameSize());
+  evbuffer_iovec first;
+  if (evbuffer_peek(input, frameSize, nullptr, &first, 1) == 1) {
+    const char* body = static_cast<const char*>(first.iov_base) + zelvar::kFramePrefixSize;
+    bool parsed = message->ParseFromArray(body, static_cast<int>(cut.bodySize));
+    evbuffer_drain(input, cut.FrameSize());
+    return parsed;
+  }
+  evbufferZeroCopyInputStream stream(bev);
+  stream.SetLimit(static_cast<int32_t>(cut.FrameSize()));  // the codec's bound keeps it in range
+  return message->ParseFromZeroCopyStream(&stream);
+}
+
 // The machine that is to receive `message`: the live machine a reply names;
 // else a new machine serving the message's type (which answers on this
 // connection); else the machine that owns the conversation.
@@ -93,10 +112,8 @@ int OnDataIn(uint64_t connA, uint64_t connB, zelvar::ZMessage** messageOut, zelv
   if (cut.outcome == zelvar::FrameCut::kNeedMore) return kDataInNeedMore;
   if (cut.outcome == zelvar::FrameCut::kBadFrame) return kDataInError;
 
-  evbufferZeroCopyInputStream stream(bev);
-  stream.SetLimit(static_cast<int32_t>(cut.FrameSize()));  // the codec's bound keeps it in range
   zelvar::ZMessage* message = AcquireClearedMessage();
-  if (!message->ParseFromZeroCopyStream(&stream)) {
+  if (!ParseFrameInPlace(bev, cut, message)) {
     ReleaseMessage(message);
     return kDataInError;
   }
