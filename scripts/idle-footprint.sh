@@ -82,3 +82,14 @@ echo "idle agent host system calls per minute, by name (strace -c -f):"
 awk -v per="$(awk -v s="$seconds" 'BEGIN { print 60 / s }')" '
   $NF != "syscall" && $NF != "total" && $4 ~ /^[0-9]+$/ { printf "  %-20s %8.1f\n", $NF, $4 * per; total += $4 * per }
   END { printf "  %-20s %8.1f\n", "total", total }' "$run_dir/strace.txt"
+
+# Where the idle CPU goes, when asked (OVITA2_IDLE_PROFILE=1): a third window
+# under perf, sampling the host's own threads and not the commands it starts,
+# and its top symbols by own time. Release keeps the names of exported and
+# library functions, which is enough to tell the loop from the work.
+if [[ -n "${OVITA2_IDLE_PROFILE:-}" ]]; then
+  perf record -q --no-inherit -F 20000 -g -o "$run_dir/perf.data" -p "$agent" -- sleep "$seconds" >/dev/null 2>&1
+  echo "idle agent host profile, top symbols by own samples (perf):"
+  perf report -i "$run_dir/perf.data" --no-children --stdio --sort dso,symbol 2>/dev/null | cut -c1-110 |
+    awk '/^ +[0-9.]+%/ { print "  " $0; if (++n == 25) exit }'
+fi
