@@ -28,10 +28,7 @@ TEST(ControlPlaneZooKeeper, RegistersItsEndpointAsEphemeralNodesAndAgainWhenOneV
       "\n[controlplane]\nname = cp-z\njobs_file = jobs.yaml\ndatabase = cp.db\nmaster_path = /fleet/names/MASTER\n";
   ASSERT_TRUE(host.Init(dir.Write("cp.ini", config), &error)) << error;
   auto registered = [&](const std::string& node) {  // how often the log says so
-    const std::string log = ovita2::testing::ReadFile(dir.Path() + "/host.log"), line = ": registered " + node;
-    size_t count = 0;
-    for (size_t at = log.find(line); at != std::string::npos; at = log.find(line, at + 1)) ++count;
-    return count;
+    return ovita2::testing::Occurrences(ovita2::testing::ReadFile(dir.Path() + "/host.log"), ": registered " + node);
   };
   const std::string master = "/fleet/names/MASTER/cp-z", access = "/ovita2/names/TELLAR2_ACCESS/cp-z";
   ASSERT_TRUE(host.RunUntil([&] { return registered(master) == 1 && registered(access) == 1; }, 20.0))

@@ -4,11 +4,16 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <ctime>
+#include <filesystem>
 #include <nlohmann/json.hpp>
+#include <optional>
+#include <regex>
 #include <set>
 #include <sstream>
+#include <thread>
 #include <tuple>
 
 #include "client/client_app.h"
@@ -16,6 +21,7 @@
 #include "local_system.h"
 #include "store/sample_store.h"
 #include "zelvar/frame.h"
+#include "zelvar/machine_factory.h"
 #include "zelvar/message_util.h"
 #include "zelvar/ovita2.pb.h"
 
@@ -192,87 +198,151 @@ TEST_F(ControlPlaneInHost, WebAddressAnswersReadOnlyJsonAndMetricsPrometheusAcce
   EXPECT_EQ(said, "") << "promtool has no lint remark either";
 }
 
-// A zelvar-host process serving the control plane from `dir` (its output in host.out).
-ovita2::testing::ChildProcess StartControlPlane(const ovita2::testing::TempDir& dir, int port,
-                                                const std::string& settings) {
-  return ovita2::testing::ChildProcess("cd " + dir.Path() + " && exec " ZELVAR_HOST_PATH " -c " +
-                                       dir.Write("cp.ini", ControlPlaneConfig(port, settings)) + " >host.out 2>&1");
+// The command that runs zelvar-host serving the control plane from `dir` (its output in host.out).
+std::string ControlPlaneCommand(const ovita2::testing::TempDir& dir, int port, const std::string& settings) {
+  return "cd " + dir.Path() + " && exec " ZELVAR_HOST_PATH " -c " +
+         dir.Write("cp.ini", ControlPlaneConfig(port, settings)) + " >host.out 2>&1";
 }
 
-// The agent's clock is skipped forward, so its 150 s job schedule passes at once.
-TEST(AgentAgainstControlPlane, WhatTheAgentMeasuresIsReadBackThroughTheClientAlsoAfterTheControlPlaneIsKilled) {
-  ovita2::testing::TempDir dir;
-  const int cpPort = ovita2::testing::FreeLoopbackPort();
-  const std::string at = "127.0.0.1:" + std::to_string(cpPort), database = dir.Path() + "/cp.db";
-  dir.Write("jobs.yaml",
-            Jobs("e2e", "echo 12.37", "          - {job_id: 2, interval: 10, command: 'echo hello', stat_key: k2, "
-                                      "string_value: 1}\n"));
-  auto controlPlane = StartControlPlane(dir, cpPort, "");
-  auto cpLog = [&] { return ReadFile(dir.Path() + "/host.log"); };
-  ASSERT_TRUE(ovita2::testing::Eventually([&] { return cpLog().find("serving as cp-1") != std::string::npos; }, 20))
-      << cpLog() << ReadFile(dir.Path() + "/host.out");
-
-  zelvar_host::Host agent;
-  std::string error;
-  const std::string names = "[embedded_registry]\n/ovita2/names/MASTER/cp-1 = " + at +
-                            "\n/ovita2/names/TELLAR2_ACCESS/cp-1 = " + at +
-                            "\n[names]\nMASTER = /ovita2/names/MASTER\nTELLAR2_ACCESS = /ovita2/names/TELLAR2_ACCESS\n"
-                            "[common]\nagentname = e2e\nmyname = /ovita2/agents/e2e\nhighprecision_frequency = 10\n";
-  ASSERT_TRUE(agent.Init(dir.Write("agent.ini", HostConfig("agent.log", ovita2::testing::FreeLoopbackPort(),
-                                                           "agent = " AGENT_PLUGIN_PATH, names)), &error)) << error;
-  agent.SetRoutinePeriod(10000);
-  agent.Clock().Skip(10);  // the master is asked for the task queue
-  const auto agentLog = [&] { return ReadFile(dir.Path() + "/agent.log"); };
-  ASSERT_TRUE(agent.RunUntil([&] { return agentLog().find("my task queue: cp-1, " + at) != std::string::npos; }, 20.0))
-      << agentLog();
-  agent.Clock().Skip(150);  // the job list is fetched
-  ASSERT_TRUE(agent.RunUntil([&] { return cpLog().find("gave agent e2e its 2 jobs") != std::string::npos; }, 20.0))
-      << cpLog();
-
-  std::set<std::string> seen;  // each sample as "object name value", once the jobs have run
-  for (int tick = 0; tick < 20 && seen.size() < 2; ++tick) {
-    agent.Clock().Skip(10);
-    agent.RunUntil([] { return false; }, 0.3);
+// A control plane in its own process, and the agent "e2e" in this one, which
+// finds it by name. The agent's clock is skipped forward, so its schedules
+// pass at once; the control plane's database is read through ovita2ctl.
+class AgentAgainstControlPlane : public ::testing::Test {
+ protected:
+  void Start(const std::string& jobs) {
+    dir.Write("jobs.yaml", jobs);
+    controlPlane.emplace(ControlPlaneCommand(dir, cpPort, ""));
+    ASSERT_TRUE(ovita2::testing::Eventually([&] { return Logged(CpLog(), "serving as cp-1"); }, 20))
+        << CpLog() << ReadFile(dir.Path() + "/host.out");
+    const std::string names = "[embedded_registry]\n/ovita2/names/MASTER/cp-1 = " + at +
+                              "\n/ovita2/names/TELLAR2_ACCESS/cp-1 = " + at +
+                              "\n[names]\nMASTER = /ovita2/names/MASTER\nTELLAR2_ACCESS = /ovita2/names/TELLAR2_ACCESS\n"
+                              "[common]\nagentname = e2e\nmyname = /ovita2/agents/e2e\nhighprecision_frequency = 10\n";
+    ASSERT_TRUE(agent.Init(dir.Write("agent.ini", HostConfig("agent.log", agentPort, "agent = " AGENT_PLUGIN_PATH,
+                                                             names)), &error)) << error;
+    agent.SetRoutinePeriod(10000);  // every routine due starts within a few loop turns
+  }
+  std::string CpLog() const { return ReadFile(dir.Path() + "/host.log"); }
+  std::string AgentLog() const { return ReadFile(dir.Path() + "/agent.log"); }
+  static bool Logged(const std::string& log, const std::string& text) { return log.find(text) != std::string::npos; }
+  // Skips `seconds` and serves for a moment, `rounds` times or until `done`.
+  bool Rounds(int rounds, int seconds, const std::function<bool()>& done = [] { return false; }) {
+    for (int round = 0; round < rounds && !done(); ++round)
+      agent.Clock().Skip(seconds), agent.RunUntil([] { return false; }, 0.3);
+    return done();
+  }
+  // What ovita2ctl prints for `args` against the database.
+  std::string Ctl(std::vector<const char*> args) {
+    args.insert(args.begin(), "ovita2ctl"), args.insert(args.end(), {"--db", database.c_str()});
     std::ostringstream out, err;
-    const char* argv[] = {"ovita2ctl", "samples", "--json", "--agent", "e2e", "--db", database.c_str()};
-    RunClient(7, argv, out, err);
-    std::istringstream lines(out.str());
+    RunClient(static_cast<int>(args.size()), args.data(), out, err);
+    return out.str();
+  }
+  // Each stored sample of the agent as "object name stat_item tenths" or "object name text".
+  std::set<std::string> Samples() {
+    std::set<std::string> seen;
+    std::istringstream lines(Ctl({"samples", "--json", "--agent", "e2e", "--limit", "100000"}));
     for (std::string line; std::getline(lines, line);) {
       const nlohmann::json row = nlohmann::json::parse(line);
       seen.insert(row["object_id"].dump() + " " + row["name"].get<std::string>() + " " +
                   (row["kind"] == "numeric" ? row["stat_item"].dump() + " " + row["tenths"].dump()
                                             : row["text"].get<std::string>()));
     }
+    return seen;
   }
-  EXPECT_EQ(seen, (std::set<std::string>{"4 k1 41 123", "4 k2 hello\n"})) << cpLog();
+
+  ovita2::testing::TempDir dir;
+  const int cpPort = ovita2::testing::FreeLoopbackPort(), agentPort = ovita2::testing::FreeLoopbackPort();
+  const std::string at = "127.0.0.1:" + std::to_string(cpPort), database = dir.Path() + "/cp.db";
+  std::optional<ovita2::testing::ChildProcess> controlPlane;  // killed and reaped after the agent stopped
+  zelvar_host::Host agent;
+  std::string error;
+};
+
+// Of object 1 a number, a text and a failing command. Of object 2 a counter
+// whose reading moves 5 s and 50 units a run, faster than the high-precision
+// frequency; and a job whose second command halves the value its first
+// printed. And a process configured for watching that does not run.
+TEST_F(AgentAgainstControlPlane, WhatTheAgentMeasuresIsStoredAndReadBackAlsoAfterTheControlPlaneIsKilled) {
+  ovita2::testing::TempDir state;
+  const std::string reading = "n=$(cat " + state.Path() + "/n 2>/dev/null || echo 0); echo $((n + 1)) > " +
+                              state.Path() + "/n; echo $((1000 + n * 5))'|'$((n * 50))";
+  ASSERT_NO_FATAL_FAILURE(Start(R"(agents:
+  e2e:
+    objects:
+      - object_id: 1
+        jobs:
+          - {job_id: 1, stat_item: 101, interval: 10, stat_key: load, command: printf, command_args: '''12.37\n'''}
+          - {job_id: 2, stat_item: 102, interval: 10, stat_key: kernel, string_value: 1,
+             command: 'printf ''line one\nline two\n'''}
+          - {job_id: 3, stat_item: 103, interval: 10, stat_key: broken, command: exit 3}
+      - object_id: 2
+        jobs:
+          - {job_id: 4, stat_item: 104, interval: 5, stat_key: rate, second_phase: 1, second_phase_delay: 10,
+             command: ")" + reading + R"("}
+          - {job_id: 5, stat_item: 105, interval: 10, stat_key: half, second_phase: 1, command: "echo '1|42'",
+             second_phase_command: 'half() { echo $(($2 / 2)); }; half'}
+    confs: {1: [{target: ovita2-no-such-daemon, parameter: 3}]}
+)"));
+  agent.Clock().Skip(10);  // the master is asked for the task queue
+  ASSERT_TRUE(agent.RunUntil([&] { return Logged(AgentLog(), "my task queue: cp-1, " + at); }, 20.0)) << AgentLog();
+  agent.Clock().Skip(150);  // the job list is fetched
+  ASSERT_TRUE(agent.RunUntil([&] { return Logged(CpLog(), "gave agent e2e its 5 jobs"); }, 20.0)) << CpLog();
+
+  // The rate is 50 units in 5 s, 100 per 10 s period, in tenths; the
+  // watched process is the agent's own text sample, its type as the job.
+  const std::set<std::string> expected = {"1 load 101 123", "1 kernel line one\nline two\n", "2 rate 104 1000",
+                                          "2 half 105 210", "null e2e ovita2-no-such-daemon:-1"};
+  EXPECT_TRUE(Rounds(40, 30, [&] { return Samples() == expected; })) << CpLog();
+  EXPECT_TRUE(Logged(CpLog(), "heartbeat of e2e, version 1.0.13, 2 objects")) << CpLog();
+  EXPECT_TRUE(Logged(AgentLog(), "long action stderr: 3, ")) << AgentLog();
 
   // Killed outright while the agent sends: the agent's failed sends leave no
   // descriptor behind, and once the control plane is back on its port the
   // next send stores samples again.
-  kill(controlPlane.Pid(), SIGKILL);
-  controlPlane.Wait();
-  auto ticks = [&](int count) {
-    for (int tick = 0; tick < count; ++tick) agent.Clock().Skip(10), agent.RunUntil([] { return false; }, 0.2);
-  };
-  ticks(3);
+  kill(controlPlane->Pid(), SIGKILL);
+  controlPlane->Wait();
+  Rounds(3, 10);
   const int descriptors = ovita2::testing::CountOpenDescriptors();
-  ticks(20);
+  Rounds(20, 10);
   EXPECT_LE(ovita2::testing::CountOpenDescriptors(), descriptors);
-  auto stored = [&] {
-    std::ostringstream out, err;
-    const char* argv[] = {"ovita2ctl", "samples", "--limit", "100000", "--db", database.c_str()};
-    RunClient(6, argv, out, err);
-    const std::string rows = out.str();
-    return std::count(rows.begin(), rows.end(), '\n');
-  };
-  const long before = stored();
-  auto again = StartControlPlane(dir, cpPort, "");
-  ASSERT_TRUE(ovita2::testing::Eventually([&] { return cpLog().rfind("serving as cp-1") > cpLog().find("serving"); }, 20));
-  ticks(1);
-  EXPECT_TRUE(agent.RunUntil([&] { return stored() > before; }, 5.0)) << cpLog();
+  auto stored = [&] { return Ctl({"samples", "--limit", "100000"}).size(); };
+  const size_t before = stored();
+  controlPlane.emplace(ControlPlaneCommand(dir, cpPort, ""));
+  ASSERT_TRUE(ovita2::testing::Eventually([&] { return CpLog().rfind("serving as cp-1") > CpLog().find("serving"); }, 20));
+  EXPECT_TRUE(Rounds(10, 10, [&] { return stored() > before; })) << CpLog();
   agent.Shutdown();
-  kill(again.Pid(), SIGTERM);
-  EXPECT_EQ(again.Wait(), 0) << "the control plane stops cleanly on SIGTERM\n" << cpLog();
+  kill(controlPlane->Pid(), SIGTERM);
+  EXPECT_EQ(controlPlane->Wait(), 0) << "the control plane stops cleanly on SIGTERM\n" << CpLog();
+}
+
+TEST_F(AgentAgainstControlPlane, AnItemEnabledThroughTheClientHasTheCompleteLinesOfItsScriptStored) {
+  ovita2::testing::TempDir home;  // this process's HOME, where "~" of the script path leads
+  std::filesystem::create_directories(home.Path() + "/ovita2/agent/plugin/real_time_task");
+  std::filesystem::permissions(home.Write("ovita2/agent/plugin/real_time_task/4.sh", "printf 'one\\n\\ntwo\\nrest'"),
+                               std::filesystem::perms::owner_all);
+  const std::string oldHome = std::getenv("HOME") ? std::getenv("HOME") : "";
+  std::shared_ptr<void> restoreHome(nullptr, [&](void*) { setenv("HOME", oldHome.c_str(), 1); });
+  setenv("HOME", home.Path().c_str(), 1);
+  ASSERT_NO_FATAL_FAILURE(Start("agents:\n  e2e: {}\n"));
+
+  std::ostringstream out, err;  // the client waits for the answer, which the agent gives in this thread
+  std::atomic<bool> answered{false};
+  std::thread client([&] {
+    const std::string address = "127.0.0.1:" + std::to_string(agentPort);
+    const char* argv[] = {"ovita2ctl", "enable", address.c_str(), "4"};
+    RunClient(4, argv, out, err), answered = true;
+  });
+  agent.RunUntil([&] { return answered.load(); }, 20.0);
+  client.join();
+  EXPECT_EQ(out.str() + err.str(), "item 4 enabled\n");
+  zelvar::StateMachine* collect = zelvar::MachineFactory::Instance()->CreateMachine(9000014);
+  ASSERT_NE(collect, nullptr);  // the real-time cycle, without waiting out its 10 s
+  collect->SetCreatedByRoutine(true), agent.Runtime().Start(collect);
+  std::string lines;  // one JSON object a line; the agent has not named itself, so any agent's
+  agent.RunUntil([&] { return lines = Ctl({"lines", "--json"}), std::count(lines.begin(), lines.end(), '\n') > 2; },
+                 20.0);
+  EXPECT_EQ(std::regex_replace(lines, std::regex(R"re(\{.*"line":"(.*)"\})re"), "$1"), "one\n\ntwo\n") << lines;
 }
 
 // What a headless Chromium run of `flags` on `url` prints on stdout.
@@ -292,8 +362,8 @@ TEST(WebPageInChromium, ListsAgentsChartsTheFirstSeriesAndShowsTheLiveLists) {
   SeedWebData(dir.Path() + "/cp.db");
   dir.Write("jobs.yaml", Jobs("web-01", "echo 1"));
   const int httpPort = ovita2::testing::FreeLoopbackPort();
-  auto controlPlane = StartControlPlane(dir, ovita2::testing::FreeLoopbackPort(),
-                                        "http = 127.0.0.1:" + std::to_string(httpPort));
+  ovita2::testing::ChildProcess controlPlane(ControlPlaneCommand(dir, ovita2::testing::FreeLoopbackPort(),
+                                                                "http = 127.0.0.1:" + std::to_string(httpPort)));
   const std::string url = "http://127.0.0.1:" + std::to_string(httpPort) + "/";
   ovita2::testing::Eventually([&] { return ReadFile(dir.Path() + "/host.log").find(url) != std::string::npos; }, 20);
   const std::string dom = Chromium(dir.Path() + "/profile", "--dump-dom", url);

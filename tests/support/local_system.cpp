@@ -43,6 +43,12 @@ std::string ReadFile(const std::string& path) {
   return text.str();
 }
 
+size_t Occurrences(const std::string& text, const std::string& part) {
+  size_t count = 0;
+  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++count;
+  return count;
+}
+
 bool Eventually(const std::function<bool()>& done, double seconds) {
   auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
   for (; !done(); std::this_thread::sleep_for(std::chrono::milliseconds(10)))

@@ -28,6 +28,8 @@ class TempDir {
 
 // The whole file, or "" when it cannot be read.
 std::string ReadFile(const std::string& path);
+// How often `part` occurs in `text`, overlaps counted.
+size_t Occurrences(const std::string& text, const std::string& part);
 
 // A blocking loopback client connected to `port`; -1 on failure.
 int ConnectLoopback(int port);
