@@ -18,22 +18,10 @@ namespace {
 
 namespace ov = zelvar::ovita2;
 
-zelvar::ZMessage Request(int type) {
-  zelvar::ZMessage message;
-  zelvar::NewMessage(&message, 3, "5f1c0c9e-session", type, 0, false, 12, 0, nullptr, nullptr, nullptr);
-  return message;
-}
-
-zelvar::ZMessage Switch(uint32_t operation) {
-  zelvar::ZMessage message = Request(ov::ENABLE_REAL_TIME_MONITOR_REQUEST);
-  auto* asked = message.mutable_body()->MutableExtension(ov::enable_real_time_monitor_request);
-  asked->set_item_id(1), asked->set_operation(operation);
-  return message;
-}
-
 // A request of `type` whose body is given as text.
 zelvar::ZMessage Asking(int type, const std::string& body) {
-  zelvar::ZMessage message = Request(type);
+  zelvar::ZMessage message;
+  zelvar::NewMessage(&message, 3, "5f1c0c9e-session", type, 0, false, 12, 0, nullptr, nullptr, nullptr);
   google::protobuf::TextFormat::ParseFromString(body, message.mutable_body());
   return message;
 }
@@ -45,13 +33,16 @@ void Write(const std::string& path, const std::string& bytes) { std::ofstream(pa
 int main(int argc, char** argv) {
   if (argc != 2) return 2;
   const std::string root = argv[1];
-  const std::string enable = zelvar::EncodeFrame(Switch(0)), disable = zelvar::EncodeFrame(Switch(1));
+  const std::string ovita = "[zelvar.ovita2.", tellar = "[zelvar.tellar2.";
+  const zelvar::ZMessage asked = Asking(66012, ovita + "enable_real_time_monitor_request] { item_id: 1 operation: 0 }");
+  const std::string enable = zelvar::EncodeFrame(asked), disable = zelvar::EncodeFrame(Asking(66012, ovita +
+      "enable_real_time_monitor_request] { item_id: 1 operation: 1 }"));
   Write(root + "/agent_data_in/enable", enable);
   Write(root + "/agent_data_in/enable-disable", enable + disable);
   Write(root + "/agent_data_in/half", enable.substr(0, enable.size() / 2));
   for (int code : {0, 1}) {
     zelvar::ZMessage answer;
-    zelvar::MakeResponse(Switch(0), ov::ENABLE_REAL_TIME_MONITOR_RESPONSE, &answer);
+    zelvar::MakeResponse(asked, ov::ENABLE_REAL_TIME_MONITOR_RESPONSE, &answer);
     auto* rc = answer.mutable_body()->MutableExtension(ov::enable_real_time_monitor_response)->mutable_rc();
     rc->set_code(code), rc->set_msg(code == 0 ? "" : "item 1 is not enabled");
     Write(root + "/agent_answer/code-" + std::to_string(code), zelvar::EncodeFrame(answer));
@@ -60,7 +51,6 @@ int main(int argc, char** argv) {
   node.set_ip("127.0.0.1"), node.set_port(7100);
   Write(root + "/node_data/endpoint", node.SerializeAsString());
   // One request of each kind the control plane serves, the demo agent asking.
-  const std::string ovita = "[zelvar.ovita2.", tellar = "[zelvar.tellar2.";
   const std::vector<std::pair<int, std::string>> requests = {
       {67000, ovita + "get_task_queue_request] { node_path: '/ovita2/names/AGENT/demo' }"},
       {66000, ovita + "get_aggregation_request] { node_path: '/ovita2/names/AGENT/demo' }"},

@@ -21,8 +21,7 @@ class EchoMachine : public BEVMachineUtil {
   int Entry_Init(zelvar::event_key_t key, void* data);
 };
 
-namespace ovita2 {
-namespace testing {
+namespace ovita2::testing {
 
 class AgentTest : public ::testing::Test {
  protected:
@@ -41,7 +40,6 @@ class AgentTest : public ::testing::Test {
   TestHost host_;
 };
 
-}  // namespace testing
-}  // namespace ovita2
+}  // namespace ovita2::testing
 
 #endif  // OVITA2_TESTS_AGENT_AGENT_TEST_H

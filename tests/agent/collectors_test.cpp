@@ -12,8 +12,7 @@
 #include "collectors/process_monitor_product.h"
 #include "local_system.h"
 
-namespace ovita2 {
-namespace testing {
+namespace ovita2::testing {
 namespace {
 
 using Collectors = AgentTest;
@@ -38,7 +37,7 @@ std::string RunOnce(ProcessMonitorProduct* product, const std::string& target, c
   return product->operation();
 }
 
-TEST_F(Collectors, ProcessesMatchOnAnyArgumentsLastPathPartAsSubstringOrWholeWithCaseByParameterBits) {
+TEST_F(Collectors, ProcessesMatchByParameterBitsAndAMissingOneIsToldOnEveryRunAndItsReturnOnce) {
   TempDir dir;
   std::string unique = std::to_string(getpid());
   ScriptProcess script(dir, "Ovita2Watched" + unique + ".sh");
@@ -52,15 +51,12 @@ TEST_F(Collectors, ProcessesMatchOnAnyArgumentsLastPathPartAsSubstringOrWholeWit
     RunOnce(&product, target, parameter);
     EXPECT_EQ(product.getPIDByName(target.c_str()), found ? script.pid : -1) << target << " " << parameter;
   }
-}
 
-TEST_F(Collectors, AMissingProcessIsToldOnEveryRunAndItsReturnOnce) {
-  TempDir dir;
-  std::string name = "Ovita2Back" + std::to_string(getpid()) + ".sh";
+  const std::string name = "Ovita2Back" + unique + ".sh";
   auto run = [&] { return RunOnce(std::make_unique<ProcessMonitorProduct>().get(), name, "3"); };
   for (int missing = 0; missing < 3; ++missing) EXPECT_EQ(run(), name + ":-1");
-  ScriptProcess script(dir, name);
-  EXPECT_EQ(run(), name + ":" + std::to_string(script.pid));
+  ScriptProcess back(dir, name);
+  EXPECT_EQ(run(), name + ":" + std::to_string(back.pid));
   EXPECT_EQ(run(), "");
 }
 
@@ -72,7 +68,7 @@ int ReadTestRing(char* buffer, int length) {
 }
 time_t At17Utc(time_t*) { return 1699982000; }  // 2023-11-14 17:13:20 UTC
 
-TEST_F(Collectors, KernelLinesAreFilteredByLevelAndWordsAndResumeAfterTheLastLineThatPassedTheLevel) {
+TEST_F(Collectors, KernelLinesAreFilteredByLevelAndWordsResumeAfterTheLastLineThatPassedAndComeFromTheKernel) {
   KernelLogsProduct::s_pfnReadRingBuffer = ReadTestRing;
   KernelLogsProduct::s_pfnNow = At17Utc;
   utsname names;
@@ -93,17 +89,13 @@ TEST_F(Collectors, KernelLinesAreFilteredByLevelAndWordsAndResumeAfterTheLastLin
     product.setAttribute(&conf);
     EXPECT_EQ(product.operation(), *lines != '\0' ? head + lines : "") << ring;
   }
-}
-
-TEST_F(Collectors, TheRealKernelRingBufferIsReportedWhenReadable) {
   static char probe[KernelLogsProduct::kLogBufferSize];
   if (klogctl(3, probe, sizeof probe) <= 0) GTEST_SKIP() << "the kernel ring buffer cannot be read here";
+  KernelLogsProduct::ResetSharedState();  // the real ring buffer, every level
   KernelLogsProduct product;
   zelvar::ovita2::ConfObject conf;
   conf.set_parameter("7");
   product.setAttribute(&conf);
-  utsname names;
-  uname(&names);
   EXPECT_NE(product.operation().find(names.nodename), std::string::npos);
 }
 
@@ -145,5 +137,4 @@ TEST(Kmsgwatch, CountsNewPiecesWithTheKeywordFromTheSavedPositionOrTheEndOfAShor
 }
 
 }  // namespace
-}  // namespace testing
-}  // namespace ovita2
+}  // namespace ovita2::testing

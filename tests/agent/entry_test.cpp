@@ -1,5 +1,7 @@
-// The entry points the host calls: framing and routing of inbound envelopes,
-// the hooks, the agent's own initialisation and the routine list.
+// The entry points the host calls (framing and routing of inbound envelopes,
+// the hooks, the agent's own initialisation, the routine list) and the
+// machines' common vocabulary: sends inside the process and back over a
+// connection, flow numbers, and the database request.
 #include <event2/buffer.h>
 #include <event2/bufferevent.h>
 
@@ -12,6 +14,9 @@
 #include "framework/host_api.h"
 #include "framework/machine_registration.h"
 #include "framework/routine_util.h"
+#include "jobs/update_jobs.h"
+#include "zelvar/dorvan.pb.h"
+#include "zelvar/machine_factory.h"
 
 int EchoMachine::Entry_Init(zelvar::event_key_t, void* data) {
   auto release = ovita2::HostFn<zelvar::ReleaseMessageFn>(zelvar::kSlotReleaseMessage);
@@ -24,8 +29,7 @@ static const ovita2::MachineRegistration kEcho =
     ovita2::MachineRegistration(EchoMachine::kType, EchoCreateMySelf, EchoCreateMySelfByAddr)
         .State(-1, EchoMachineEntry_Init, "Entry_Init");
 
-namespace ovita2 {
-namespace testing {
+namespace ovita2::testing {
 namespace {
 
 using Entry = AgentTest;
@@ -38,18 +42,9 @@ std::string Prefixed(uint32_t length, const std::string& body) {
 
 size_t Buffered(TestPeer& peer) { return evbuffer_get_length(bufferevent_get_input(peer.AgentSide())); }
 
-TEST_F(Entry, FrameLengthNearTheTopOfTheRangeIsNeverComplete) {
-  for (uint32_t length : {0xFFFFFFFFu, 0xFFFFFFFDu, 0xFFFFFFFCu}) {
-    TestPeer& peer = host_.Accept("10.0.0.5", 7000);
-    peer.WriteRaw(Prefixed(length, std::string(12, '\0')));
-    EXPECT_EQ(host_.Route(peer), kDataInNeedMore) << std::hex << length;
-    EXPECT_EQ(Buffered(peer), 16u) << "nothing is consumed";
-  }
-}
-
-TEST_F(Entry, EachFrameGoesToTheMachineItNamesOrServesItsType) {
+TEST_F(Entry, EachFrameGoesToTheMachineItNamesOrServesItsTypeAndALengthNearTheTopIsNeverComplete) {
   auto* waiting = new EchoMachine();
-  uint32_t waitingId = host_.Start(waiting).id;
+  uint32_t waitingId = host_.Start(waiting);
   auto reply = [](uint32_t dst, uint32_t owner) {
     zelvar::ZMessage message;
     zelvar::NewMessage(&message, 0, std::string(300000, 's'), 77, 0, false, 0, 0, nullptr, nullptr, nullptr);
@@ -67,7 +62,7 @@ TEST_F(Entry, EachFrameGoesToTheMachineItNamesOrServesItsType) {
   for (const auto& [sent, result, target] : cases) {
     TestPeer& peer = host_.Accept("10.0.0.5", 7000);
     std::string next(trailing++, '\x01');  // the start of a next frame stays
-    peer.WriteRaw(Frame(sent) + next);
+    peer.WriteRaw(zelvar::EncodeFrame(sent) + next);
     zelvar::ZMessage* message = nullptr;
     zelvar::StateMachine* machine = nullptr;
     ASSERT_EQ(OnDataIn(peer.ConnA(), peer.ConnB(), &message, &machine), result);
@@ -89,6 +84,12 @@ TEST_F(Entry, EachFrameGoesToTheMachineItNamesOrServesItsType) {
   EXPECT_EQ(host_.Route(broken), kDataInError);
   broken.Close();
   EXPECT_EQ(host_.Route(broken), kDataInError) << "a connection the host no longer knows";
+  for (uint32_t length : {0xFFFFFFFFu, 0xFFFFFFFDu, 0xFFFFFFFCu}) {
+    TestPeer& peer = host_.Accept("10.0.0.5", 7000);
+    peer.WriteRaw(Prefixed(length, std::string(12, '\0')));
+    EXPECT_EQ(host_.Route(peer), kDataInNeedMore) << std::hex << length;
+    EXPECT_EQ(Buffered(peer), 16u) << "nothing is consumed";
+  }
 }
 
 int g_hookCalls = 0;
@@ -154,6 +155,78 @@ TEST(Routines, TheFirstDueRoutineStartsAndEachKeepsItsInterval) {
   EXPECT_EQ(tick(), 1);
 }
 
+using Framework = AgentTest;
+
+TEST_F(Framework, SendsReachTheRightMachineOrGoBackOverTheConnection) {
+  EchoMachine machine;
+  EchoMachine& receiver = *new EchoMachine();  // the runtime takes it over with the message
+  zelvar::ZMessage message;
+  message.mutable_head()->set_message_type(4243199);
+  EXPECT_EQ(machine.SendInternalResponse(message, 0, receiver.GetMachineId()), 0);
+  EXPECT_EQ(host_.LastPostedId(), receiver.GetMachineId());
+  EXPECT_EQ(machine.SendInternalResponse(message, 0, receiver.GetMachineId() + 1000), -1);
+  EXPECT_EQ(machine.SendInternalRequest(message), -1) << "no machine serves the type";
+  message.mutable_head()->set_message_type(EchoMachine::kType);
+  EXPECT_EQ(machine.SendInternalRequest(message), 0);
+  EXPECT_EQ(host_.LastPostedId(), zelvar::kNoMachineId) << "a new machine is named by its pointer only";
+
+  // A response goes to the machine that asked, else back over the connection it came in on.
+  EchoMachine& requester = *new EchoMachine();
+  TestPeer& peer = host_.Accept("10.0.0.5", 7000);
+  machine.SetReplyConnection(peer.ConnA(), peer.ConnB());
+  message.mutable_head()->set_flow_no(42);
+  EXPECT_EQ(machine.SendResponse(message), 0);
+  zelvar::ZMessage sent;
+  ASSERT_TRUE(peer.ReadFrame(&sent));
+  EXPECT_EQ(sent.head().flow_no(), 42u);
+  machine.SetRequesterId(requester.GetMachineId());
+  EXPECT_EQ(machine.SendResponse(message), 0);
+  EXPECT_EQ(host_.LastPostedId(), requester.GetMachineId());
+  EXPECT_EQ(peer.PendingBytes(), 0u);
+  peer.Close();
+  machine.SetRequesterId(zelvar::kNoMachineId);
+  EXPECT_EQ(machine.SendResponse(message), -1);
+  host_.RunPending();
+}
+
+TEST_F(Framework, ARegisteredMachineIsAlsoBuiltInMemoryItsCallerOwns) {
+  alignas(UpdateJobsMachine) unsigned char memory[sizeof(UpdateJobsMachine)];
+  const zelvar::MachineFactory& factory = *zelvar::MachineFactory::Instance();
+  zelvar::StateMachine* machine = factory.CreateMachineByAddr(UpdateJobsMachine::kType, memory);
+  ASSERT_EQ(static_cast<void*>(machine), static_cast<void*>(memory));
+  EXPECT_STREQ(machine->MachineName(), "UpdateJobsMachine");
+  machine->~StateMachine();
+  EXPECT_EQ(factory.CreateMachineByAddr(UpdateJobsMachine::kType, nullptr), nullptr);
+}
+
+TEST_F(Framework, LinesFromTheHostsThresholdUpAndSqlAndBlobRequestsCarryTheWholeTextAndTheFlagTurnedRound) {
+  EchoMachine machine;
+  host_.SetLogLevel(2);
+  HostLog(1, "hidden %d", 1);
+  MachineLog(2, &machine, "shown %d", 2);
+  EXPECT_EQ(host_.LogLines(), std::vector<std::string>{"machine:EchoMachine(" + std::to_string(machine.GetMachineId()) +
+                                                       ")|state:Entry_Init|shown 2"});
+  std::string longText(200000, 'x');  // past one block of the output stream
+  unsigned first = machine.SendSql("10.2.0.1", 9500, "stats", 1, "select '%s' -- %d", longText.c_str(), 7);
+  unsigned second = machine.SendSql("10.2.0.1", 9500, "stats", 0, "%s", "short");
+  EXPECT_EQ(second, first + 1);
+  const std::string fullBuffer(machine.FormatCapacity(), 'f');  // no room left for the terminator
+  machine.SendSql("10.2.0.1", 9500, "stats", 0, "%s", fullBuffer.c_str());
+  zelvar::ZMessage sent;
+  const std::string longSql = "select '" + longText + "' -- 7";
+  for (auto expected : {std::make_tuple(first, 0u, longSql), std::make_tuple(second, 1u, std::string("short")),
+                        std::make_tuple(second + 1, 1u, fullBuffer)}) {
+    ASSERT_TRUE(host_.Peer("10.2.0.1", 9500).ReadFrame(&sent));
+    EXPECT_EQ(sent.head().flow_no(), std::get<0>(expected));
+    const auto& request = sent.body().GetExtension(zelvar::dorvan::execute_sql_request);
+    EXPECT_EQ(request.db() + std::to_string(request.flag()) + request.sql(),
+              "stats" + std::to_string(std::get<1>(expected)) + std::get<2>(expected));
+  }
+  machine.ReplaceBlob("10.2.0.1", 9500, "cfg", std::string("\0b", 2), "k=%d", 3);
+  ASSERT_TRUE(host_.Peer("10.2.0.1", 9500).ReadFrame(&sent));
+  const auto& blob = sent.body().GetExtension(zelvar::dorvan::replace_blob_request);
+  EXPECT_EQ(blob.name() + "|" + blob.text() + "|" + blob.blob(), std::string("cfg|k=3|\0b", 10));
+}
+
 }  // namespace
-}  // namespace testing
-}  // namespace ovita2
+}  // namespace ovita2::testing

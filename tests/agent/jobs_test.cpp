@@ -21,8 +21,7 @@
 #include "pipeline/stats_queues.h"
 #include "zelvar/tellar2.pb.h"
 
-namespace ovita2 {
-namespace testing {
+namespace ovita2::testing {
 namespace {
 
 using Jobs = AgentTest;
@@ -61,7 +60,7 @@ class UpdateJobs : public AgentTest {
   zelvar::ZMessage request_;
 };
 
-TEST_F(UpdateJobs, FetchesWhenAskedElseOnceInAHundredAndOneRunsCountedEvenWithoutATaskQueue) {
+TEST_F(UpdateJobs, FetchesWhenAskedElseOnceInAHundredAndOneRunsAndOnlyAListWithJobsReplacesTheSchedule) {
   host_.SetConfig("common", "agentname", "agent-7");
   for (int run = 0; run < UpdateJobsMachine::kSkippedRuns; ++run) EXPECT_FALSE(Run());
   g_strTQIP = "10.3.0.1";
@@ -72,12 +71,8 @@ TEST_F(UpdateJobs, FetchesWhenAskedElseOnceInAHundredAndOneRunsCountedEvenWithou
   EXPECT_TRUE(Run());
   EXPECT_EQ(request_.head().message_type(), UpdateJobsMachine::kRequestType);
   EXPECT_EQ(request_.body().GetExtension(zelvar::ovita2::get_job_request).agent_name(), "agent-7");
-}
 
-TEST_F(UpdateJobs, OnlyAListWithJobsReplacesTheScheduleAndEveryReplyIsGivenBack) {
-  g_strTQIP = "10.3.0.1";
-  g_iTQPort = 9200;
-  g_need_updatejobs = true;
+  // Only a list with jobs replaces the schedule; every reply is given back.
   const std::tuple<int, uint32_t, size_t> cases[] = {{0, 2, 2}, {5, 3, 2}, {0, 0, 2}, {0, 1, 1}};
   for (const auto& [code, jobs, objectsAfter] : cases) {
     ASSERT_TRUE(Run());
@@ -190,10 +185,10 @@ TEST(SecondPhaseArgs, EveryPieceBetweenBarsIsAToken) {
 
 class ExecuteJobs : public AgentTest {
  protected:
-  uint32_t Run() { return host_.Start(new ExecuteJobsMachine()).id; }
+  uint32_t Run() { return host_.Start(new ExecuteJobsMachine()); }
   void Complete(const std::string& command, const std::string& output, int64_t status = 0) {
     for (const CapturedLongAction& action : host_.LongActions()) {
-      if (!action.completed && action.Param(zelvar::ExecuteShell2::kCommandParam).find(command) == 0) {
+      if (!action.completed && action.command.find(command) == 0) {
         host_.CompleteLongAction(action.flow_no, output, "", status);
         host_.RunPending();
         return;
@@ -213,7 +208,7 @@ TEST_F(ExecuteJobs, APassRunsTheDueJobsObjectByObjectIntoTheirSamples) {
   JobContainer::Instance()->UpdateJobs(list);
   uint32_t pass = Run();
   ASSERT_EQ(host_.LongActions().size(), 1u) << "one object at a time";
-  EXPECT_EQ(host_.LongActions()[0].Param(zelvar::ExecuteShell2::kCommandParam), "cmd1 -x");
+  EXPECT_EQ(host_.LongActions()[0].command, "cmd1 -x");
   EXPECT_FALSE(host_.IsAlive(Run())) << "one pass at a time";
   Complete("cmd1", "12.37");
   ASSERT_EQ(host_.LongActions().size(), 4u);
@@ -268,5 +263,4 @@ TEST_F(Jobs, SenderEmptiesBothQueuesIntoOneRequestEachHoweverLarge) {
 }
 
 }  // namespace
-}  // namespace testing
-}  // namespace ovita2
+}  // namespace ovita2::testing

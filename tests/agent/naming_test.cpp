@@ -16,8 +16,7 @@
 zelvar::StateMachine* UpdateTaskQueueCreateMySelf();
 zelvar::StateMachine* UpdateAggregationCreateMySelf();
 
-namespace ovita2 {
-namespace testing {
+namespace ovita2::testing {
 namespace {
 
 using Naming = AgentTest;
@@ -56,7 +55,7 @@ TEST_F(Naming, RefreshListsEveryNameAndKeepsWhatItCannotLearn) {
   AddInstance("A", "10.0.0.8", 1);  // gone from the listing below
   AddInstance("B", "10.0.0.9", 1);
   names->SetUpdateHook([] { ++g_refreshes; });
-  uint32_t id = host_.Start(new UpdateNamesMachine()).id;
+  uint32_t id = host_.Start(new UpdateNamesMachine());
   FakeRegistry& registry = host_.Registry();
   ASSERT_EQ(registry.LastCall().path, "/A");
   registry.Answer(registry.LastCall(), 0, {{"a1", Address("10.0.0.1", 11).SerializeAsString()}, {"bad", "\xff"}});
@@ -80,7 +79,7 @@ class RegisterMyself : public AgentTest {
     host_.SetConfig("network", "listen-ip", "10.1.1.1");
     host_.SetConfig("network", "listen-port", "9300");
   }
-  uint32_t Run() { return host_.Start(new RegisterMyselfMachine()).id; }
+  uint32_t Run() { return host_.Start(new RegisterMyselfMachine()); }
   void Answer(int retcode) {
     host_.Registry().Answer(host_.Registry().LastCall(), retcode);
     host_.RunPending();
@@ -147,15 +146,7 @@ struct Lookup {
 const Lookup kLookups[] = {{"MASTER", UpdateTaskQueueCreateMySelf, true, 67001, "get_task_queue_response"},
                            {"TELLAR2_ACCESS", UpdateAggregationCreateMySelf, false, 66001, "get_aggregation_response"}};
 
-TEST_F(Naming, LookupWithoutAnInstanceSpendsAFlowNumberOnlyIfItTakesItFirst) {
-  for (const Lookup& lookup : kLookups) {
-    unsigned before = BEVMachineUtil::Flowno();
-    EXPECT_FALSE(host_.IsAlive(host_.Start(lookup.create()).id));
-    EXPECT_EQ(BEVMachineUtil::Flowno() - before, lookup.isTaskQueue ? 1u : 2u) << lookup.service;
-  }
-}
-
-TEST_F(Naming, LookupRepliesAreReadAndEveryReplyIsGivenBack) {
+TEST_F(Naming, LookupRepliesAreReadEveryReplyIsGivenBackAndWithoutAnInstanceAFlowNumberIsSpentOnlyIfTakenFirst) {
   // The reply, then what each lookup keeps: a known task queue keeps its first address.
   const std::tuple<const char*, const char*, const char*> steps[] = {
       {"rc { code: 0 } name: '1' ip: '10.9.0.1'", "1@10.9.0.1", "1@10.9.0.1"},
@@ -163,6 +154,9 @@ TEST_F(Naming, LookupRepliesAreReadAndEveryReplyIsGivenBack) {
       {"rc { code: 0 }", "1@10.9.0.1", "@"}, {"rc { code: 0 } name: '3' ip: '10.9.0.3'", "3@10.9.0.3", "3@10.9.0.3"}};
   host_.SetConfig("common", "myname", "/agents/a7");
   for (const Lookup& lookup : kLookups) {
+    unsigned before = BEVMachineUtil::Flowno();
+    EXPECT_FALSE(host_.IsAlive(host_.Start(lookup.create())));
+    EXPECT_EQ(BEVMachineUtil::Flowno() - before, lookup.isTaskQueue ? 1u : 2u) << lookup.service;
     AddInstance(lookup.service, "10.0.0.1", 9100);
     for (const auto& [answer, taskQueueKeeps, aggregationKeeps] : steps) {
       host_.Start(lookup.create());
@@ -184,5 +178,4 @@ TEST_F(Naming, LookupRepliesAreReadAndEveryReplyIsGivenBack) {
 }
 
 }  // namespace
-}  // namespace testing
-}  // namespace ovita2
+}  // namespace ovita2::testing

@@ -1,6 +1,7 @@
-// What happens after a job's first answer: counter readings of fast jobs
-// become rates, second-phase records are run when due, and the heartbeat
-// reports the catalogue and steers the job fetch.
+// What happens after a job's first answer, and what keeps the agent seen:
+// counter readings of fast jobs become rates, second-phase records are run
+// when due, the heartbeat reports the catalogue and steers the job fetch, and
+// real-time items are switched from outside and their scripts run.
 #include <google/protobuf/text_format.h>
 
 #include <ctime>
@@ -10,7 +11,9 @@
 #include "agent_test.h"
 #include "entry/ovita2_agent.h"
 #include "jobs/job_container.h"
+#include "liveness/enable_real_time.h"
 #include "liveness/heart_beat.h"
+#include "liveness/real_time_collect.h"
 #include "naming/update_task_queue.h"
 #include "pipeline/execute_hp_jobs.h"
 #include "pipeline/second_phase.h"
@@ -18,6 +21,7 @@
 zelvar::StateMachine* ExecuteHpJobsCreateMySelf();
 zelvar::StateMachine* SecondPhaseCreateMySelf();
 zelvar::StateMachine* HeartBeatCreateMySelf();
+zelvar::StateMachine* RealTimeCollectCreateMySelf();
 
 namespace {
 
@@ -52,7 +56,7 @@ class PipelineFollowUp : public ovita2::testing::AgentTest {
   // Starts `machine` and answers the one command it starts with `output`.
   uint32_t RunPass(zelvar::StateMachine* machine, const std::string& output) {
     size_t before = host_.LongActions().size();
-    uint32_t id = host_.Start(machine).id;
+    uint32_t id = host_.Start(machine);
     EXPECT_EQ(host_.LongActions().size(), before + 1);
     if (host_.LongActions().size() == before + 1) {
       host_.CompleteLongAction(host_.LongActions().back().flow_no, output, "", 0);
@@ -114,9 +118,9 @@ TEST_F(PipelineFollowUp, DueSecondPhasesRunTogetherLeaveTheQueueAndEndThePassWit
   g_vecSecondInfo = {record(now - 100, "early"), record(now + 1000, "later"), record(now - 40, "due"),
                      record(now + 2000, "latest")};
 
-  uint32_t id = host_.Start(SecondPhaseCreateMySelf()).id;
+  uint32_t id = host_.Start(SecondPhaseCreateMySelf());
   ASSERT_EQ(host_.LongActions().size(), 2u);
-  EXPECT_EQ(host_.LongActions()[0].Param("command") + ", " + host_.LongActions()[1].Param("command"),
+  EXPECT_EQ(host_.LongActions()[0].command + ", " + host_.LongActions()[1].command,
             "second " + std::to_string(now - 100) + " 9 x, second " + std::to_string(now - 40) + " 9 x");
   ASSERT_EQ(g_vecSecondInfo.size(), 2u);
   EXPECT_EQ(g_vecSecondInfo[0].name + ", " + g_vecSecondInfo[1].name, "later, latest");
@@ -136,7 +140,7 @@ TEST_F(PipelineFollowUp, DueSecondPhasesRunTogetherLeaveTheQueueAndEndThePassWit
   EXPECT_FALSE(SecondPhaseMachine::isRunning);
   EXPECT_EQ(g_vecSecondInfo.size(), 2u) << "the failed record is not queued again";
 
-  EXPECT_FALSE(host_.IsAlive(host_.Start(SecondPhaseCreateMySelf()).id)) << "nothing is due";
+  EXPECT_FALSE(host_.IsAlive(host_.Start(SecondPhaseCreateMySelf()))) << "nothing is due";
   g_vecSecondInfo = {_second_info{0, 0, 0, "", {"1"}, Job(60, 1, 0)}};
   EXPECT_FALSE(host_.IsAlive(RunPass(SecondPhaseCreateMySelf(), "1"))) << "a pass ends with its last answer";
   EXPECT_FALSE(SecondPhaseMachine::isRunning);
@@ -170,6 +174,63 @@ TEST_F(PipelineFollowUp, HeartbeatReportsTheObjectCountAndSteersTheJobFetch) {
   EXPECT_EQ(second.body().GetExtension(zelvar::ovita2::agent_heart_beat_request).job_count(), 2u);
   EXPECT_FALSE(g_need_updatejobs);
   EXPECT_EQ(second.head().ShortDebugString(), first.head().ShortDebugString()) << "the first beat's head is kept";
+}
+
+using RealTime = ovita2::testing::AgentTest;
+using Table = std::map<uint32_t, uint32_t>;
+
+TEST_F(RealTime, EnablingRefreshesTheItemAndOnlyDisablingAnUnknownItemIsRefused) {
+  const std::tuple<uint32_t, uint32_t, Table, std::string> cases[] = {  // item, operation, table after (1: now), answer
+      {7, 0, {{7, 1}, {8, 5}}, "0 "}, {9, 0, {{7, 5}, {8, 5}, {9, 1}}, "0 "}, {7, 1, {{8, 5}}, "0 "},
+      {9, 1, {{7, 5}, {8, 5}}, "-64190 the item has not been set real_time_monitor"}, {7, 2, {{7, 5}, {8, 5}}, "0 "}};
+  for (const auto& [item, operation, after, answer] : cases) {
+    g_mapRealtimeConf = {{7, 5}, {8, 5}};
+    const auto before = static_cast<uint32_t>(std::time(nullptr));
+    zelvar::ZMessage request, reply;
+    zelvar::NewMessage(&request, 41, "asker", EnableRealTimeMachine::kType, 0, false, 3, 0, nullptr, nullptr, nullptr);
+    auto* asked = request.mutable_body()->MutableExtension(zelvar::ovita2::enable_real_time_monitor_request);
+    asked->set_item_id(item), asked->set_operation(operation);
+    ovita2::testing::TestPeer& peer = host_.Accept("10.0.0.9", 7000);
+    peer.Send(request), host_.RunPending();
+    EXPECT_EQ(host_.Releases(host_.LastRouted()), 1);
+    ASSERT_TRUE(peer.ReadFrame(&reply));
+    const auto& rc = reply.body().GetExtension(zelvar::ovita2::enable_real_time_monitor_response).rc();
+    EXPECT_EQ(std::to_string(rc.code()) + " " + rc.msg(), answer) << item << " " << operation;
+    for (auto& enabled : g_mapRealtimeConf) enabled.second = enabled.second >= before ? 1 : enabled.second;
+    EXPECT_EQ(g_mapRealtimeConf, after) << item << " " << operation;
+  }
+}
+
+TEST_F(RealTime, ACycleRunsTheFreshItemsScriptsOneCycleAtATimeUntilTheLastAnswerOrTimeout) {
+  EXPECT_FALSE(host_.IsAlive(host_.Start(RealTimeCollectCreateMySelf())) || RealTimeCollectMachine::m_rtRunning);
+  uint32_t now, id;
+  do {  // again until the table and the machine saw the same second; for 9 the clock went back
+    RealTimeCollectMachine::m_rtRunning = false, now = static_cast<uint32_t>(std::time(nullptr));
+    g_mapRealtimeConf = {{12, now - 300}, {3, now}, {5, now - 301}, {9, now + 60}};
+  } while (id = host_.Start(RealTimeCollectCreateMySelf()), now != static_cast<uint32_t>(std::time(nullptr)));
+  EXPECT_EQ(g_mapRealtimeConf, (Table{{3, now}, {12, now - 300}}));
+  const size_t launched = host_.LongActions().size();
+  ASSERT_GE(launched, 2u);
+  const auto first = host_.LongActions()[launched - 2], last = host_.LongActions().back();
+  EXPECT_EQ(first.command + " " + last.command,
+            "~/ovita2/agent/plugin/real_time_task/3.sh ~/ovita2/agent/plugin/real_time_task/12.sh");
+  EXPECT_FALSE(host_.IsAlive(host_.Start(RealTimeCollectCreateMySelf())));
+  EXPECT_EQ(host_.LongActions().size(), launched) << "one cycle at a time";
+
+  AddInstance("TELLAR2_ACCESS", "10.0.0.7", 7400);
+  host_.CompleteLongAction(first.flow_no, "x\n", "no such file", 127);
+  host_.RunPending();
+  EXPECT_TRUE(host_.Logged("|state:Entry_WaitRealTimeJobs|long action stderr: 127, no such file"));
+  EXPECT_EQ(host_.Peer("10.0.0.7", 7400).PendingBytes(), 0u) << "a failed script sends nothing";
+  host_.CompleteLongAction(last.flow_no, "", "", 0), host_.RunPending();
+  EXPECT_FALSE(host_.IsAlive(id) || RealTimeCollectMachine::m_rtRunning) << "the cycle ends with its last answer";
+
+  id = host_.Start(RealTimeCollectCreateMySelf());
+  host_.AdvanceClock(120);
+  EXPECT_TRUE(!host_.IsAlive(id) && host_.Logged("|state:Entry_WaitRealTimeJobs|Timeout occurred, delete myself"));
+  const size_t timedOut = host_.LongActions().size();
+  host_.Start(RealTimeCollectCreateMySelf());
+  EXPECT_GT(host_.LongActions().size(), timedOut) << "a timed-out cycle lets the next one start";
 }
 
 }  // namespace

@@ -81,7 +81,9 @@ TestHost::TestHost(const PluginEntries& plugin, unsigned defaultMachineTimeoutSe
     return 0;
   });
   Set(zelvar::kSlotStartLongAction, +[](zelvar::LongActionMethod* action, unsigned machineId, unsigned flowNo) {
-    Current()->m_vecLongActions.push_back({action->Name(), action->Params(), machineId, flowNo, false});
+    auto command = action->Params().find(zelvar::ExecuteShell2::kCommandParam);
+    std::string text = command != action->Params().end() ? command->second : "";
+    Current()->m_vecLongActions.push_back({action->Name(), text, machineId, flowNo, false});
     return 0;
   });
   Set(zelvar::kSlotCreateMachineForMessage,
@@ -135,10 +137,10 @@ bool TestHost::Logged(const std::string& text) const {
                      [&text](const std::string& line) { return line.find(text) != std::string::npos; });
 }
 
-StartedMachine TestHost::Start(zelvar::StateMachine* machine) {
-  StartedMachine started{machine->GetMachineId()};
+uint32_t TestHost::Start(zelvar::StateMachine* machine) {
+  const uint32_t id = machine->GetMachineId();
   m_pRuntime->Start(machine);
-  return started;
+  return id;
 }
 
 TestPeer& TestHost::Peer(const std::string& ip, uint16_t port) {

@@ -22,15 +22,10 @@ namespace ovita2::testing {
 
 struct CapturedLongAction {
   std::string name;
-  zelvar::ParamMap params;
+  std::string command;  // its "command" parameter
   uint32_t machine_id = 0;
   uint32_t flow_no = 0;
   bool completed = false;
-
-  std::string Param(const std::string& key) const {
-    auto it = params.find(key);
-    return it == params.end() ? std::string() : it->second;
-  }
 };
 
 // The entry points of the plug-in a TestHost drives; any may be null.
@@ -39,11 +34,6 @@ struct PluginEntries {
   int (*routine)(zelvar::StateMachine** machineOut) = nullptr;
   int (*data_in)(uint64_t connA, uint64_t connB, zelvar::ZMessage** messageOut,
                  zelvar::StateMachine** machineOut) = nullptr;
-};
-
-// A started machine's id, kept because the machine may be gone.
-struct StartedMachine {
-  uint32_t id = 0;
 };
 
 // Puts the agent's process-wide state back as a fresh process has it.
@@ -78,8 +68,8 @@ class TestHost {
   unsigned RoutinePeriod() const { return m_uRoutinePeriod; }        // 0 until asked
   void SetReady(bool ready) { m_bReady = ready; }
 
-  // The runtime owns `machine` from now on.
-  StartedMachine Start(zelvar::StateMachine* machine);
+  // The runtime owns `machine` from now on; its id, as the machine may be gone.
+  uint32_t Start(zelvar::StateMachine* machine);
   size_t RunPending() { return m_pRuntime->RunPending(); }
   bool IsAlive(uint32_t machineId) const { return m_pRuntime->IsManaged(machineId); }
   void PostMessage(zelvar::StateMachine* machine, zelvar::ZMessage* message) {

@@ -29,12 +29,6 @@ TestPeer::~TestPeer() {
 
 size_t TestPeer::PendingBytes() const { return evbuffer_get_length(bufferevent_get_input(m_pTestSide)); }
 
-std::string TestPeer::ReadRaw() {
-  std::string bytes(PendingBytes(), '\0');
-  if (!bytes.empty()) evbuffer_remove(bufferevent_get_input(m_pTestSide), &bytes[0], bytes.size());
-  return bytes;
-}
-
 bool TestPeer::ReadFrame(zelvar::ZMessage* message) {
   evbuffer* input = bufferevent_get_input(m_pTestSide);
   const zelvar::FrameCut cut = zelvar::CutFrame(input);
@@ -44,7 +38,7 @@ bool TestPeer::ReadFrame(zelvar::ZMessage* message) {
 void TestPeer::WriteRaw(const std::string& bytes) { bufferevent_write(m_pTestSide, bytes.data(), bytes.size()); }
 
 int TestPeer::Send(const zelvar::ZMessage& message) {
-  WriteRaw(Frame(message));
+  WriteRaw(zelvar::EncodeFrame(message));
   return m_pHost->Route(*this);
 }
 

@@ -31,7 +31,6 @@ class TestPeer {
 
   // What the agent sent and the test has not read yet.
   size_t PendingBytes() const;
-  std::string ReadRaw();
   // The next complete frame, decoded; false when none is complete.
   bool ReadFrame(zelvar::ZMessage* message);
 
@@ -55,8 +54,6 @@ class TestPeer {
   bufferevent* m_pTestSide = nullptr;
   bool m_bOpen = true;
 };
-
-inline std::string Frame(const zelvar::ZMessage& message) { return zelvar::EncodeFrame(message); }
 
 }  // namespace ovita2::testing
 
