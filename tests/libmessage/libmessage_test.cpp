@@ -11,6 +11,7 @@
 #include "zelvar/long_action.h"
 #include "zelvar/machine_factory.h"
 #include "zelvar/machine_runtime.h"
+#include "zelvar/my_uuid.h"
 #include "zelvar/string_util.h"
 
 namespace zelvar {
@@ -119,7 +120,7 @@ TEST(MachineRuntime, RunsMachinesByStateResultAndTimeout) {
   }
 }
 
-TEST(StringUtil, SplitKeepsOnlyNonEmptyPiecesAndFormatStringHasNoLengthLimit) {
+TEST(StringUtil, SplitKeepsOnlyNonEmptyPiecesFormatStringHasNoLengthLimitAndSessionsAreRandom) {
   for (const auto& [text, separator, pieces] : std::vector<std::tuple<std::string, std::string, std::string>>{
            {"a,,b,", ",", "a|b|"}, {"::a::b", "::", "a|b|"}, {"a b", "", "a b|"}, {"", "", ""}, {"", ",", ""}}) {
     std::vector<std::string> out{"kept"};
@@ -129,6 +130,8 @@ TEST(StringUtil, SplitKeepsOnlyNonEmptyPiecesAndFormatStringHasNoLengthLimit) {
     for (size_t i = 1; i < out.size(); ++i) joined += out[i] + "|";
     EXPECT_EQ(joined, pieces) << text << " by " << separator;
   }
+  const std::string first = MyUuid::NewUuid(), second = MyUuid::NewUuid();  // random, version 4, RFC 4122
+  EXPECT_TRUE(first != second && first[14] == '4' && std::string("89ab").find(second[19]) != std::string::npos);
   const std::string longText(1000, 'y');
   EXPECT_EQ(FormatString("%s-%d", longText.c_str(), 7), longText + "-7");
 }
@@ -158,14 +161,18 @@ TEST(MachineFactoryDeathTest, TwoCreatorsForOneTypeStopTheProcess) {
   EXPECT_DEATH(MachineFactory::AddMachine(kScriptedType, create), "machine type 4242001 registered twice");
 }
 
-// The flat and the evbuffer cut agree on every stream and name the body of
-// its first frame only. The frames past the bound are mapped, never touched.
+// The flat and the evbuffer cut agree on every stream, in one chain or with
+// the prefix across two, and name the body of its first frame only. The
+// frames past the bound are mapped, never touched.
 TEST(Frame, CutWaitsForWholeFramesAndRefusesOnlyWholeFramesPastTheBound) {
   auto cut = [](const void* bytes, size_t size) {
-    std::unique_ptr<evbuffer, void (*)(evbuffer*)> input(evbuffer_new(), evbuffer_free);
-    evbuffer_add_reference(input.get(), bytes, size, nullptr, nullptr);
     auto said = [](FrameCut cut) { return std::to_string(cut.outcome) + ":" + std::to_string(cut.bodySize); };
-    EXPECT_EQ(said(CutFrame(input.get())), said(CutFrame(bytes, size)));
+    for (size_t split : {size, size < 2 ? size : 2}) {
+      std::unique_ptr<evbuffer, void (*)(evbuffer*)> input(evbuffer_new(), evbuffer_free);
+      evbuffer_add_reference(input.get(), bytes, split, nullptr, nullptr);
+      evbuffer_add_reference(input.get(), static_cast<const char*>(bytes) + split, size - split, nullptr, nullptr);
+      EXPECT_EQ(said(CutFrame(input.get())), said(CutFrame(bytes, size))) << split;
+    }
     return said(CutFrame(bytes, size));
   };
   const std::string stream("\0\0\0\0\0\0\0\2xy\xff\xff\xff\xfc\0\0\0\0", 18);
