@@ -128,7 +128,7 @@ void BM_OnDataInPerFrame(benchmark::State& state) {
   host.SetLogLevel(5);
   WaitingMachine machine;
   TestPeer& peer = host.Accept("10.0.0.1", 9000);
-  std::string frame = ovita2::testing::Frame(JobListReply(machine.GetMachineId(), static_cast<int>(state.range(0))));
+  std::string frame = zelvar::EncodeFrame(JobListReply(machine.GetMachineId(), static_cast<int>(state.range(0))));
   std::string batch;
   for (int i = 0; i < kFramesPerBatch; ++i) batch += frame;
 

@@ -29,6 +29,12 @@ TestPeer::~TestPeer() {
 
 size_t TestPeer::PendingBytes() const { return evbuffer_get_length(bufferevent_get_input(m_pTestSide)); }
 
+std::string TestPeer::ReadRaw() {
+  std::string bytes(PendingBytes(), '\0');
+  if (!bytes.empty()) evbuffer_remove(bufferevent_get_input(m_pTestSide), &bytes[0], bytes.size());
+  return bytes;
+}
+
 bool TestPeer::ReadFrame(zelvar::ZMessage* message) {
   evbuffer* input = bufferevent_get_input(m_pTestSide);
   const zelvar::FrameCut cut = zelvar::CutFrame(input);

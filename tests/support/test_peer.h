@@ -31,6 +31,7 @@ class TestPeer {
 
   // What the agent sent and the test has not read yet.
   size_t PendingBytes() const;
+  std::string ReadRaw();
   // The next complete frame, decoded; false when none is complete.
   bool ReadFrame(zelvar::ZMessage* message);
 
