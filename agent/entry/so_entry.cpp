@@ -61,23 +61,35 @@ void ReleaseMessage(zelvar::ZMessage* message) {
   HostFn<zelvar::ReleaseMessageFn>(zelvar::kSlotReleaseMessage)(0, message);
 }
 
-// Parses the frame at the front of the input without copying it, and drains
-// what was read. A socket read usually leaves many small frames in one chain
-// of the buffer, and such a frame is parsed straight from that chain; only a
-// frame that spans chains needs the stream over the buffer.
-bool ParseFrameInPlace(bufferevent* bev, const zelvar::FrameCut& cut, zelvar::ZMessage* message) {
+// Decodes the frame at the front of the input into a pooled envelope without
+// copying it, and drains what was read. Answers kDataInRouted with the
+// envelope in *messageOut; kDataInNeedMore while the frame is not all here;
+// kDataInError for a refused frame, or with the envelope in *messageOut when
+// its body does not parse. A socket read usually leaves many small frames in
+// one chain of the buffer: such a frame is cut and parsed straight from that
+// chain on one peek. Only a frame that spans chains needs the stream.
+int DecodeFrontFrame(bufferevent* bev, zelvar::ZMessage** messageOut) {
   evbuffer* input = bufferevent_get_input(bev);
-  const auto frameSize = static_cast<ev_ssize_t>(cut.FrameSize());
   evbuffer_iovec first;
-  if (evbuffer_peek(input, frameSize, nullptr, &first, 1) == 1) {
-    const char* body = static_cast<const char*>(first.iov_base) + zelvar::kFramePrefixSize;
-    bool parsed = message->ParseFromArray(body, static_cast<int>(cut.bodySize));
-    evbuffer_drain(input, cut.FrameSize());
-    return parsed;
+  if (evbuffer_peek(input, static_cast<ev_ssize_t>(zelvar::kFramePrefixSize), nullptr, &first, 1) == 1) {
+    const zelvar::FrameCut cut = zelvar::CutFrame(first.iov_base, first.iov_len);
+    if (cut.outcome == zelvar::FrameCut::kOneFrame) {
+      zelvar::ZMessage* message = AcquireClearedMessage();
+      const char* body = static_cast<const char*>(first.iov_base) + zelvar::kFramePrefixSize;
+      const bool parsed = message->ParseFromArray(body, static_cast<int>(cut.bodySize));
+      evbuffer_drain(input, cut.FrameSize());
+      *messageOut = message;
+      return parsed ? kDataInRouted : kDataInError;
+    }
   }
+  const zelvar::FrameCut cut = zelvar::CutFrame(input);
+  if (cut.outcome == zelvar::FrameCut::kNeedMore) return kDataInNeedMore;
+  if (cut.outcome == zelvar::FrameCut::kBadFrame) return kDataInError;
+  zelvar::ZMessage* message = AcquireClearedMessage();
   evbufferZeroCopyInputStream stream(bev);
   stream.SetLimit(static_cast<int32_t>(cut.FrameSize()));  // the codec's bound keeps it in range
-  return message->ParseFromZeroCopyStream(&stream);
+  *messageOut = message;
+  return message->ParseFromZeroCopyStream(&stream) ? kDataInRouted : kDataInError;
 }
 
 // The machine that is to receive `message`: the live machine a reply names;
@@ -108,14 +120,11 @@ int OnDataIn(uint64_t connA, uint64_t connB, zelvar::ZMessage** messageOut, zelv
 
   bufferevent* bev = HostFn<zelvar::GetConnectionBevFn>(zelvar::kSlotGetConnectionBev)(connA, connB);
   if (bev == nullptr) return kDataInError;
-  const zelvar::FrameCut cut = zelvar::CutFrame(bufferevent_get_input(bev));
-  if (cut.outcome == zelvar::FrameCut::kNeedMore) return kDataInNeedMore;
-  if (cut.outcome == zelvar::FrameCut::kBadFrame) return kDataInError;
-
-  zelvar::ZMessage* message = AcquireClearedMessage();
-  if (!ParseFrameInPlace(bev, cut, message)) {
-    ReleaseMessage(message);
-    return kDataInError;
+  zelvar::ZMessage* message = nullptr;
+  const int decoded = DecodeFrontFrame(bev, &message);
+  if (decoded != kDataInRouted) {
+    if (message != nullptr) ReleaseMessage(message);
+    return decoded;
   }
 
   const char* tag = "";

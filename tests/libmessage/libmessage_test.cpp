@@ -4,12 +4,14 @@
 #include <sys/mman.h>
 
 #include <memory>
+#include <set>
 #include <sstream>
 #include <tuple>
 
 #include "zelvar/frame.h"
 #include "zelvar/long_action.h"
 #include "zelvar/machine_factory.h"
+#include "zelvar/machine_pool.h"
 #include "zelvar/machine_runtime.h"
 #include "zelvar/my_uuid.h"
 #include "zelvar/string_util.h"
@@ -117,6 +119,33 @@ TEST(MachineRuntime, RunsMachinesByStateResultAndTimeout) {
       g_echo = nullptr;
     }  // ends what still runs
     EXPECT_EQ(g_journal, journal) << script;
+  }
+}
+
+// Machines come and go across several growths of the pool's table, with ids
+// already far past its size.
+TEST(MachinePool, FindsEveryLiveMachineByItsOwnIdAndNoneThatEnded) {
+  for (int i = 0; i < 1000; ++i) ScriptedMachine({});
+  std::vector<std::unique_ptr<ScriptedMachine>> machines;
+  std::vector<uint32_t> ended;
+  for (int round = 0; round < 3; ++round) {
+    for (int i = 0; i < 150; ++i) machines.push_back(std::make_unique<ScriptedMachine>(std::vector<int>{}));
+    for (size_t i = round; i < machines.size(); i += 3) {
+      if (machines[i] != nullptr) ended.push_back(machines[i]->GetMachineId()), machines[i].reset();
+    }
+  }
+  std::set<uint32_t> liveIds;
+  for (const auto& machine : machines) {
+    if (machine == nullptr) continue;
+    const uint32_t id = machine->GetMachineId();
+    EXPECT_TRUE(id != 0 && id != kNoMachineId && liveIds.insert(id).second) << id;
+    EXPECT_EQ(MachinePool::Instance()->GetMachine(id), machine.get());
+  }
+  EXPECT_EQ(MachinePool::Instance()->Size(), liveIds.size());
+  for (uint32_t id : ended) {
+    if (liveIds.count(id) == 0) {
+      EXPECT_EQ(MachinePool::Instance()->GetMachine(id), nullptr) << id;
+    }
   }
 }
 

@@ -3,13 +3,15 @@
 // A machine enters the pool in its constructor and leaves it in its destructor,
 // so GetMachine never returns a machine that is gone. Ids are unique among live
 // machines and never 0 or 0xFFFFFFFF (the two values that mean "no machine").
-// Event-loop thread only.
+// Every reply is routed through GetMachine, so a lookup is one slot of a
+// table that ids are chosen to fit (id modulo the table's size, a power of
+// two). Event-loop thread only.
 #ifndef ZELVAR_MACHINE_POOL_H
 #define ZELVAR_MACHINE_POOL_H
 
 #include <cstddef>
 #include <cstdint>
-#include <unordered_map>
+#include <vector>
 
 namespace zelvar {
 
@@ -17,20 +19,28 @@ class StateMachine;
 
 class MachinePool {
  public:
+  MachinePool();
   static MachinePool* Instance();
 
   // The live machine with this id, or null.
   StateMachine* GetMachine(uint32_t id) const;
-  size_t Size() const { return m_mapMachines.size(); }
+  size_t Size() const { return m_uLive; }
 
   // Called by StateMachine's constructor and destructor.
   uint32_t Register(StateMachine* machine);
   void Unregister(uint32_t id);
 
  private:
-  uint32_t NextFreeId();
+  struct Slot {
+    uint32_t id = 0;  // 0 is never an id, so an empty slot matches no lookup
+    StateMachine* machine = nullptr;
+  };
 
-  std::unordered_map<uint32_t, StateMachine*> m_mapMachines;
+  uint32_t NextFreeId();
+  void Grow();
+
+  std::vector<Slot> m_vecSlots;  // a power of two long, at most half full
+  size_t m_uLive = 0;
   uint32_t m_uLastId = 0;
 };
 
