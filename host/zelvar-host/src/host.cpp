@@ -70,10 +70,17 @@ bool Host::Init(const std::string& configPath, std::string* error) {
 
 bool Host::CreateLoop(std::string* error) {
   event_config* eventConfig = event_config_new();
-  // Check for I/O after every few callbacks, so machines that keep posting to
-  // each other cannot starve the sockets.
-  timeval never{0, 0};
-  event_config_set_max_dispatch_interval(eventConfig, &never, 16, 0);
+  // Check for I/O after every 16 callbacks, so machines that keep posting to
+  // each other cannot starve the sockets. Only a count: a time limit is
+  // checked after every callback, and a limit of zero would end each turn
+  // after its first one, so that every machine an event wakes would cost a
+  // turn of its own with an epoll_wait and a clock read.
+  event_config_set_max_dispatch_interval(eventConfig, nullptr, 16, 0);
+  // The coarse clock libevent reads by default lags by up to a jiffy, so a
+  // timer could look not yet due when the wait for it ended, and cost a
+  // second wake-up a few milliseconds later. The precise clock is read
+  // without a system call as well.
+  event_config_set_flag(eventConfig, EVENT_BASE_FLAG_PRECISE_TIMER);
   m_pBase = event_base_new_with_config(eventConfig);
   event_config_free(eventConfig);
   if (m_pBase == nullptr) {
