@@ -97,11 +97,13 @@ int OnDataIn(uint64_t connA, uint64_t connB, zelvar::ZMessage** messageOut, zelv
   if (cut.outcome == zelvar::FrameCut::kNeedMore) return 100;
   auto* message = new zelvar::ZMessage();
   bool parsed = cut.outcome == zelvar::FrameCut::kOneFrame && zelvar::TakeFrame(input, cut, message);
-  if (parsed && message->head().session() == "flood") {  // a reply, then -1 as for a message no machine takes
+  // A large reply; after "flood" -1, as for a message no machine takes.
+  const std::string& session = message->head().session();
+  if (parsed && (session == "flood" || session == "answer")) {
     std::string reply(ConfigInt("flood_bytes"), '\0');
     for (size_t i = 0; i < reply.size(); ++i) reply[i] = static_cast<char>(i % 251);
     bufferevent_write(bev, reply.data(), reply.size());
-    parsed = false;
+    parsed = session == "answer";
   }
   auto create = Host<zelvar::CreateMachineForMessageFn>(zelvar::kSlotCreateMachineForMessage);
   *machineOut = parsed ? create(message->head().message_type()) : nullptr;

@@ -21,6 +21,7 @@ std::unique_ptr<ConnectionManager::Connection> ConnectionManager::Forget(Connect
   }
   m_uBuffered -= connection->buffered;
   connection->buffered = 0;
+  UnwatchOutput(connection);
   auto it = m_mapConnections.find(connection->serial);
   std::unique_ptr<Connection> owned = std::move(it->second);
   m_mapConnections.erase(it);

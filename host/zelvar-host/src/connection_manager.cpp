@@ -79,13 +79,15 @@ ConnectionManager::ConnectionManager(event_base* base, Logger* log,
                                      const ConnectionLimits& limits, Deliver deliver)
     : m_pBase(base), m_pLog(log), m_pPlugins(plugins), m_sLimits(limits), m_fnDeliver(std::move(deliver)),
       m_pListenerResume(evtimer_new(base, &ConnectionManager::OnListenerResume, this)),
-      m_pTrim(evtimer_new(base, &ConnectionManager::OnTrim, this)) {}
+      m_pTrim(evtimer_new(base, &ConnectionManager::OnTrim, this)),
+      m_pWriteDue(event_new(base, -1, 0, &ConnectionManager::OnWriteDue, this)) {}
 
 ConnectionManager::~ConnectionManager() {
   StopListening();
   CloseAll();
   event_free(m_pListenerResume);
   event_free(m_pTrim);
+  event_free(m_pWriteDue);
 }
 
 bool ConnectionManager::Listen(const std::string& ip, int port, std::string* error) {
@@ -177,7 +179,9 @@ ConnectionManager::Connection* ConnectionManager::Add(int fd, bufferevent* bev, 
   connection->peer = peer;
   Connection* raw = connection.get();
   m_mapConnections.emplace(raw->serial, std::move(connection));
-  bufferevent_setcb(bev, &ConnectionManager::OnRead, nullptr, &ConnectionManager::OnEvent, raw);
+  bufferevent_setcb(bev, &ConnectionManager::OnRead, &ConnectionManager::OnWritten, &ConnectionManager::OnEvent,
+                    raw);
+  WatchOutput(raw);
   return raw;
 }
 
@@ -236,7 +240,9 @@ void ConnectionManager::OnAccept(evconnlistener*, int fd, sockaddr* address, int
     return;
   }
   Connection* connection = self->Add(fd, bev, false, DescribeAddress(address));
-  bufferevent_enable(bev, EV_READ | EV_WRITE);
+  // A new bufferevent would write its output itself; the host does.
+  bufferevent_disable(bev, EV_WRITE);
+  bufferevent_enable(bev, EV_READ);
   self->UpdateIdleTimeout(connection);
   self->m_pLog->Log(Logger::kDebug, "accepted %s (connection %d:%llu)", connection->peer.c_str(), fd,
                     static_cast<unsigned long long>(connection->serial));
@@ -254,6 +260,7 @@ void ConnectionManager::OnEvent(bufferevent* bev, short what, void* arg) {
   ConnectionManager* self = connection->owner;
   if (what & BEV_EVENT_CONNECTED) {
     self->m_pLog->Log(Logger::kDebug, "connected to %s", connection->peer.c_str());
+    if (evbuffer_get_length(bufferevent_get_output(bev)) == 0) bufferevent_disable(bev, EV_WRITE);
     self->NotifyConnect(*connection);
     return;
   }

@@ -40,6 +40,11 @@
 // still unsent then, or whenever a connection ends with queued output, is
 // logged at the error level with its address and byte count.
 //
+// Output: the host writes what the plug-ins queue straight to the socket at
+// the end of the loop turn; the bufferevent writes only what the socket did
+// not take at once, and the output of an outbound connection until it is
+// connected.
+//
 // Outbound: ConnectTo reuses a live connection (connected or still
 // connecting) to the same ip:port, or starts a non-blocking connect and returns
 // its bufferevent at once; writes wait in its output buffer until connected. A
@@ -65,6 +70,9 @@
 
 struct bufferevent;
 struct event;
+struct evbuffer;
+struct evbuffer_cb_entry;
+struct evbuffer_cb_info;
 struct event_base;
 struct evconnlistener;
 struct sockaddr;
@@ -126,6 +134,8 @@ class ConnectionManager {
     bool spoke = false;        // delivered a message
     std::chrono::steady_clock::time_point added = std::chrono::steady_clock::now();
     bool timed = false;        // the idle timeout is armed
+    evbuffer_cb_entry* outputWatch = nullptr;  // queues the direct write
+    bool writeQueued = false;                  // in the owner's write queue
   };
   enum class Step { kDelivered, kNeedMore, kFailed };
 
@@ -149,10 +159,16 @@ class ConnectionManager {
   void ReadInput(Connection* connection);
   Step OfferOnce(Connection* connection);
   Step CallDataIn(Connection* connection, Plugin* plugin, int* result);
+  void WatchOutput(Connection* connection);
+  void UnwatchOutput(Connection* connection);
+  void WriteOut(Connection* connection);
 
   static void OnAccept(evconnlistener* listener, int fd, sockaddr* address, int length, void* arg);
   static void OnRead(bufferevent* bev, void* arg);
   static void OnEvent(bufferevent* bev, short what, void* arg);
+  static void OnOutputChanged(evbuffer* output, const evbuffer_cb_info* info, void* arg);
+  static void OnWriteDue(int, short, void* arg);
+  static void OnWritten(bufferevent* bev, void* arg);
   static void OnAcceptError(evconnlistener* listener, void* arg);
   static void OnListenerResume(int, short, void* arg);
   static void OnTrim(int, short, void* arg);
@@ -169,6 +185,8 @@ class ConnectionManager {
   event* m_pListenerResume = nullptr;
   bool m_bAcceptFailing = false;  // said so; quiet until an accept works
   event* m_pTrim = nullptr;
+  event* m_pWriteDue = nullptr;
+  std::vector<uint64_t> m_vecWriteQueue;  // serials with output to write this turn
   size_t m_uBuffered = 0;
   std::map<uint64_t, std::unique_ptr<Connection>> m_mapConnections;  // by serial
   std::map<uint64_t, std::unique_ptr<Connection>> m_mapFlushing;     // closed, output draining
