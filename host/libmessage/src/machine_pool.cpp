@@ -19,11 +19,6 @@ MachinePool* MachinePool::Instance() {
   return &pool;
 }
 
-StateMachine* MachinePool::GetMachine(uint32_t id) const {
-  const Slot& slot = m_vecSlots[id & (m_vecSlots.size() - 1)];
-  return slot.id == id ? slot.machine : nullptr;
-}
-
 uint32_t MachinePool::Register(StateMachine* machine) {
   // At most half full, so that a free id is never far from the last one.
   if (2 * (m_uLive + 1) > m_vecSlots.size()) Grow();

@@ -23,7 +23,10 @@ class MachinePool {
   static MachinePool* Instance();
 
   // The live machine with this id, or null.
-  StateMachine* GetMachine(uint32_t id) const;
+  StateMachine* GetMachine(uint32_t id) const {
+    const Slot& slot = m_vecSlots[id & (m_vecSlots.size() - 1)];
+    return slot.id == id ? slot.machine : nullptr;
+  }
   size_t Size() const { return m_uLive; }
 
   // Called by StateMachine's constructor and destructor.
