@@ -44,7 +44,7 @@ class evbufferZeroCopyInputStream : public google::protobuf::io::ZeroCopyInputSt
   evbuffer_iovec m_sVector[1];
   int32_t m_iPosition = kPrefixSize;
   int32_t m_iLimit = 0;
-  bool m_bOpen = true;  // kept for layout; nothing reads it
+  [[maybe_unused]] bool m_bOpen = true;  // kept for layout; nothing reads it
 };
 
 // Serialises into a private evbuffer (owned) in reserved blocks of 128 KiB;

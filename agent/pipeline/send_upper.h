@@ -36,7 +36,7 @@ class SendUpperMachine : public BEVMachineUtil {
 
  private:
   // Zeroed and kept for the layout the machine has always had; nothing reads it.
-  uint32_t m_uReserved = 0;
+  [[maybe_unused]] uint32_t m_uReserved = 0;
 };
 
 #endif  // OVITA2_AGENT_PIPELINE_SEND_UPPER_H
