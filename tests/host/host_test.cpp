@@ -179,6 +179,7 @@ TEST(HostConnections, DeliverSplitAndBatchedFramesCloseOnBadOrOversizedInputAndR
   probe::Control& probe = fixture.probe();
   int client = ConnectLoopback(port);
   ASSERT_TRUE(SendAll(client, Frame("a") + Frame("b")));
+  ASSERT_TRUE(fixture.RunUntil([&] { return probe.seen.size() == 2; })) << "both frames of one read, at once";
   for (char byte : Frame("c")) {
     ASSERT_TRUE(SendAll(client, std::string(1, byte)));
     fixture.host.RunUntil([] { return false; }, 0.002);
